@@ -1,0 +1,265 @@
+#include "dlog.hpp"
+
+#include "dlogCapture.hpp"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <mutex>
+#include <string>
+#include <utility>
+
+namespace dlog
+{
+namespace
+{
+
+// Where records go when no capture is active. The file named by DLOG_FILE is
+// opened once and kept; it is reopened only when the variable changes.
+class Sink
+{
+public:
+    Sink() = default;
+    Sink(const Sink&) = delete;
+    Sink& operator=(const Sink&) = delete;
+
+    ~Sink()
+    {
+        closeFile();
+    }
+
+    int descriptor()
+    {
+        const char* env = std::getenv("DLOG_FILE");
+        const std::string wanted = env == nullptr ? "" : env;
+        if (!opened || wanted != path)
+        {
+            reopen(wanted);
+        }
+        return fd;
+    }
+
+private:
+    void reopen(const std::string& wanted)
+    {
+        closeFile();
+        path = wanted;
+        opened = true;
+        if (!path.empty())
+        {
+            fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC,
+                        0644);
+        }
+        // An unopenable log file must not lose the messages: they go to
+        // standard error instead.
+        if (fd < 0)
+        {
+            fd = STDERR_FILENO;
+        }
+    }
+
+    void closeFile()
+    {
+        if (fd > STDERR_FILENO)
+        {
+            ::close(fd);
+        }
+        fd = -1;
+    }
+
+    std::string path;
+    bool opened = false;
+    int fd = -1;
+};
+
+std::mutex& lock()
+{
+    static std::mutex mutex;
+    return mutex;
+}
+
+Sink& sink()
+{
+    static Sink instance;
+    return instance;
+}
+
+Capture* activeCapture = nullptr;
+
+std::string formatMessage(const char* format, va_list args)
+{
+    if (format == nullptr)
+    {
+        return {};
+    }
+    va_list sizing;
+    va_copy(sizing, args);
+    const int length = std::vsnprintf(nullptr, 0, format, sizing);
+    va_end(sizing);
+    if (length <= 0)
+    {
+        return {};
+    }
+    std::string text(static_cast<std::size_t>(length) + 1, '\0');
+    std::vsnprintf(text.data(), text.size(), format, args);
+    text.pop_back();
+    return text;
+}
+
+std::string recordLine(const Record& record)
+{
+    std::string_view message = record.text;
+    if (message.ends_with('\n'))
+    {
+        message.remove_suffix(1);
+    }
+    std::string line = std::to_string(record.level);
+    line += '|';
+    line += std::to_string(record.module);
+    line += '|';
+    line += message;
+    line += '\n';
+    return line;
+}
+
+// A reader that went away must not kill the process through SIGPIPE, so the
+// signal is held back for the write and any instance it raised is consumed.
+class SigpipeGuard
+{
+public:
+    SigpipeGuard()
+    {
+        sigemptyset(&pipeOnly);
+        sigaddset(&pipeOnly, SIGPIPE);
+        sigset_t pending;
+        sigpending(&pending);
+        wasPending = sigismember(&pending, SIGPIPE) == 1;
+        pthread_sigmask(SIG_BLOCK, &pipeOnly, &saved);
+    }
+
+    ~SigpipeGuard()
+    {
+        if (!wasPending)
+        {
+            const timespec noWait{};
+            const int savedErrno = errno;
+            while (sigtimedwait(&pipeOnly, nullptr, &noWait) == SIGPIPE)
+            {}
+            errno = savedErrno;
+        }
+        pthread_sigmask(SIG_SETMASK, &saved, nullptr);
+    }
+
+    SigpipeGuard(const SigpipeGuard&) = delete;
+    SigpipeGuard& operator=(const SigpipeGuard&) = delete;
+
+private:
+    sigset_t pipeOnly{};
+    sigset_t saved{};
+    bool wasPending = false;
+};
+
+// One write() per record keeps records of concurrent writers whole; only a
+// short write (disk full, interrupted pipe) sends the rest in a second call.
+void writeOut(int fd, const std::string& line)
+{
+    SigpipeGuard guard;
+    std::size_t done = 0;
+    while (done < line.size())
+    {
+        const ssize_t n = ::write(fd, line.data() + done, line.size() - done);
+        if (n < 0 && errno == EINTR)
+        {
+            continue;
+        }
+        if (n <= 0)
+        {
+            return;
+        }
+        done += static_cast<std::size_t>(n);
+    }
+}
+
+} // namespace
+
+void deliver(Record record)
+{
+    std::lock_guard guard(lock());
+    if (activeCapture != nullptr)
+    {
+        activeCapture->captured.push_back(std::move(record));
+        return;
+    }
+    writeOut(sink().descriptor(), recordLine(record));
+}
+
+Capture::Capture()
+{
+    std::lock_guard guard(lock());
+    previous = activeCapture;
+    activeCapture = this;
+}
+
+Capture::~Capture()
+{
+    std::lock_guard guard(lock());
+    activeCapture = previous;
+}
+
+const std::vector<Record>& Capture::records() const
+{
+    return captured;
+}
+
+void Capture::clear()
+{
+    captured.clear();
+}
+
+} // namespace dlog
+
+namespace dlog
+{
+namespace
+{
+
+// Test hook: DLOG_RAISE_AT=<text> raises SIGUSR1 in the calling process
+// right after the first record containing <text> is written, so tests can
+// deliver a cancel signal at an exact point of a run.
+void raiseAtMarker(const std::string& text)
+{
+    static bool raised = false;
+    const char* marker = std::getenv("DLOG_RAISE_AT");
+    if (!raised && marker != nullptr && *marker != '\0' &&
+        text.find(marker) != std::string::npos)
+    {
+        raised = true;
+        ::raise(SIGUSR1);
+    }
+}
+
+} // namespace
+} // namespace dlog
+
+extern "C" void dlog_printf(int level, int module, const char* format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    try
+    {
+        std::string text = dlog::formatMessage(format, args);
+        dlog::deliver({level, module, text});
+        dlog::raiseAtMarker(text);
+    }
+    catch (...)
+    {
+        // Logging never takes the caller down, not even when out of memory.
+    }
+    va_end(args);
+}

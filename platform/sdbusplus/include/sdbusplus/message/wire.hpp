@@ -1,0 +1,35 @@
+#pragma once
+
+#include <systemd/sd-bus.h>
+
+#include <cstddef>
+#include <utility>
+
+// Thin checked wrappers over the sd-bus message calls. Each throws
+// exception::SdBusError named after the sd-bus function that failed, so a
+// failure in a deeply nested read still says where it happened.
+namespace sdbusplus::message::details
+{
+
+void appendBasic(sd_bus_message* m, char type, const void* value);
+void appendArray(sd_bus_message* m, char type, const void* data,
+                 std::size_t bytes);
+void openContainer(sd_bus_message* m, char type, const char* contents);
+void closeContainer(sd_bus_message* m);
+
+// Reading past the end of the message or its current container fails too:
+// a reply shorter than expected does not match.
+void readBasic(sd_bus_message* m, char type, void* value);
+// Whole array of a fixed-size type in one step; the caller has made sure
+// with nextIs() that such an array comes next.
+std::pair<const void*, std::size_t> readArray(sd_bus_message* m, char type);
+void enterContainer(sd_bus_message* m, char type, const char* contents);
+void exitContainer(sd_bus_message* m);
+void skipVariant(sd_bus_message* m);
+
+// True when the current container has no further element.
+bool atEnd(sd_bus_message* m);
+// True when the next element is of `type` and holds exactly `contents`.
+bool nextIs(sd_bus_message* m, char type, const char* contents);
+
+} // namespace sdbusplus::message::details

@@ -1,0 +1,448 @@
+#include "smartdata.hpp"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <nlohmann/json.hpp>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <optional>
+#include <stdexcept>
+#include <unordered_map>
+
+namespace
+{
+
+using Json = nlohmann::json;
+using smartdata::LoadStatus;
+
+constexpr const char* tablesVariable = "PLATFORM_SMART_TABLES";
+
+constexpr std::array<std::string_view, smartdatasassata_gen::fieldCount>
+    sasSataNames{
+        "objStatus",
+        "objExtFlags",
+        "protocol",
+        "readErrorDate",
+        "reallocatedBlockCount",
+        "powerOnHours",
+        "powerCycleCount",
+        "ecceRate",
+        "usedReservedBlockCount",
+        "unusedReservedBlockCount",
+        "programFailCount",
+        "eraseFailCount",
+        "commandTimeout",
+        "driveTemperature",
+        "uncorrectableErrorCount",
+        "uncorrectableLBACount",
+        "crcErrorCount",
+        "volatileMemoryBackupSourceFailures",
+        "exceptionModeStatus",
+        "mediaWriteCount",
+        "percentDriveLifeRemaining",
+        "currentPendingSectorCount",
+        "lastUpdatedDateTime",
+        "attributes",
+    };
+
+constexpr std::array<std::string_view, smartdatanvme_gen::fieldCount> nvmeNames{
+    "objStatus",
+    "objExtFlags",
+    "protocol",
+    "criticalWarning",
+    "compositeTemparature",
+    "availableSpare",
+    "availableSpareThreshold",
+    "percentageUsed",
+    "dataUnitsReadLower",
+    "dataUnitsReadUpper",
+    "dataUnitsWrittenLower",
+    "dataUnitsWrittenUpper",
+    "hostReadCmdsLower",
+    "hostReadCmdsUpper",
+    "hostWriteCmdsLower",
+    "hostWriteCmdsUpper",
+    "controllerBusyTimeLower",
+    "controllerBusyTimeUpper",
+    "powerCyclesLower",
+    "powerCyclesUpper",
+    "powerOnHoursLower",
+    "powerOnHoursUpper",
+    "unsafeShutdownsLower",
+    "unsafeShutdownsUpper",
+    "mediaAndDataIntegrityErrsLower",
+    "mediaAndDataIntegrityErrsUpper",
+    "numOfErrorInfoLogEntriesLower",
+    "numOfErrorInfoLogEntriesUpper",
+    "warningCompositeTemperatureTime",
+    "criticalCompositeTemperatureTime",
+    "temperatureSensor1",
+    "temperatureSensor2",
+    "temperatureSensor3",
+    "temperatureSensor4",
+    "temperatureSensor5",
+    "temperatureSensor6",
+    "temperatureSensor7",
+    "temperatureSensor8",
+    "thermalMgmtTempTransitionCount",
+    "totalTimeThemalMgmtTemp",
+    "errorInfoLogRecordErrorCount",
+    "errorInfoLogRecordSubmissionQueID",
+    "errorInfoLogRecordCommandID",
+    "errorInfoLogRecordStatusFieldPhaseTag",
+    "errorInfoLogRecordStatusFieldStatus",
+    "errorInfoLogRecordParameterErrorLocationByteInCommand",
+    "errorInfoLogRecordParameterErrorLocationBitInCommand",
+    "errorInfoLogRecordLBA",
+    "errorInfoLogRecordNamespace",
+    "errorInfoLogRecordVendorSpecificInfo",
+    "badFlashBlock",
+    "uncorrectableError",
+    "lastUpdatedDateTime",
+    "attributes",
+};
+
+class LoadError : public std::runtime_error
+{
+public:
+    LoadError(LoadStatus status, const std::string& reason) :
+        std::runtime_error(reason), code(status)
+    {}
+
+    std::uint64_t status() const
+    {
+        return static_cast<std::uint64_t>(code);
+    }
+
+private:
+    LoadStatus code;
+};
+
+class FileDescriptor
+{
+public:
+    explicit FileDescriptor(int fd) : fd(fd)
+    {}
+    ~FileDescriptor()
+    {
+        if (fd >= 0)
+        {
+            ::close(fd);
+        }
+    }
+    FileDescriptor(const FileDescriptor&) = delete;
+    FileDescriptor& operator=(const FileDescriptor&) = delete;
+
+    int get() const
+    {
+        return fd;
+    }
+
+private:
+    int fd;
+};
+
+[[noreturn]] void failUnreadable(int error)
+{
+    throw LoadError(LoadStatus::unreadable,
+                    std::string("cannot read: ") + std::strerror(error));
+}
+
+// Read with plain read(2) so that a directory or an I/O error is reported as
+// unreadable instead of looking like an empty file.
+std::string readFile(const std::string& path)
+{
+    const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (file.get() < 0)
+    {
+        failUnreadable(errno);
+    }
+    std::string text;
+    std::array<char, 65536> chunk{};
+    for (;;)
+    {
+        const ssize_t n = ::read(file.get(), chunk.data(), chunk.size());
+        if (n == 0)
+        {
+            return text;
+        }
+        if (n < 0 && errno != EINTR)
+        {
+            failUnreadable(errno);
+        }
+        if (n > 0)
+        {
+            text.append(chunk.data(), static_cast<std::size_t>(n));
+        }
+    }
+}
+
+Json parseDocument(const std::string& text)
+{
+    Json document;
+    try
+    {
+        document = Json::parse(text);
+    }
+    catch (const Json::parse_error& e)
+    {
+        throw LoadError(LoadStatus::malformed, e.what());
+    }
+    if (!document.is_object())
+    {
+        throw LoadError(LoadStatus::malformed, "top level is not an object");
+    }
+    return document;
+}
+
+// Values must be JSON integers in 0..2^64-1; the parser stores larger ones
+// as floating point, so they fail here as well.
+std::uint64_t unsignedValue(const Json& value, LoadStatus onError,
+                            const std::string& what)
+{
+    if (!value.is_number_unsigned())
+    {
+        throw LoadError(onError, what + " is not an integer in 0..2^64-1");
+    }
+    return value.get<std::uint64_t>();
+}
+
+template <typename Record>
+const std::unordered_map<std::string_view, std::size_t>& fieldIndex()
+{
+    static const auto index = [] {
+        std::unordered_map<std::string_view, std::size_t> byName;
+        const auto names = Record::fieldNames();
+        for (std::size_t i = 0; i < names.size(); ++i)
+        {
+            byName.emplace(names[i], i);
+        }
+        return byName;
+    }();
+    return index;
+}
+
+template <typename Record>
+class EntryParser
+{
+public:
+    explicit EntryParser(std::string where) : where(std::move(where))
+    {}
+
+    std::pair<std::string, Record> parse(const Json& entry)
+    {
+        if (!entry.is_object())
+        {
+            throw LoadError(LoadStatus::badEntry, where + " is not an object");
+        }
+        for (auto member = entry.begin(); member != entry.end(); ++member)
+        {
+            take(member.key(), member.value());
+        }
+        if (!key)
+        {
+            throw LoadError(LoadStatus::badKey, where + " has no \"key\"");
+        }
+        return {std::move(*key), Record(std::move(fqdd), values)};
+    }
+
+private:
+    void take(const std::string& name, const Json& value)
+    {
+        if (name == "key" || name == "fqdd")
+        {
+            takeText(name, value);
+            return;
+        }
+        const auto& index = fieldIndex<Record>();
+        const auto field = index.find(name);
+        if (field == index.end())
+        {
+            throw LoadError(LoadStatus::badEntry,
+                            where + ": unknown member \"" + name + "\"");
+        }
+        values[field->second] = unsignedValue(value, LoadStatus::badEntry,
+                                              where + ": \"" + name + "\"");
+    }
+
+    void takeText(const std::string& name, const Json& value)
+    {
+        const bool isKey = name == "key";
+        if (!value.is_string())
+        {
+            throw LoadError(isKey ? LoadStatus::badKey : LoadStatus::badEntry,
+                            where + ": \"" + name + "\" is not a string");
+        }
+        if (isKey)
+        {
+            key = value.get<std::string>();
+        }
+        else
+        {
+            fqdd = value.get<std::string>();
+        }
+    }
+
+    std::string where;
+    std::optional<std::string> key;
+    std::string fqdd;
+    typename Record::Values values{};
+};
+
+const Json& entriesOf(const Json& table, const std::string& tableName)
+{
+    static const Json noEntries = Json::array();
+    if (!table.is_object())
+    {
+        throw LoadError(LoadStatus::badTable,
+                        "\"" + tableName + "\" is not an object");
+    }
+    for (auto member = table.begin(); member != table.end(); ++member)
+    {
+        if (member.key() != "status" && member.key() != "entries")
+        {
+            throw LoadError(LoadStatus::badTable,
+                            "\"" + tableName + "\" has unknown member \"" +
+                                member.key() + "\"");
+        }
+    }
+    const auto entries = table.find("entries");
+    if (entries == table.end())
+    {
+        return noEntries;
+    }
+    if (!entries->is_array())
+    {
+        throw LoadError(LoadStatus::badTable,
+                        tableName + ".entries is not an array");
+    }
+    return *entries;
+}
+
+std::uint64_t statusOf(const Json& table, const std::string& tableName)
+{
+    const auto status = table.find("status");
+    if (status == table.end())
+    {
+        return 0;
+    }
+    return unsignedValue(*status, LoadStatus::badTable, tableName + ".status");
+}
+
+// An absent table is an empty one that loaded fine, so a file lists only the
+// tables it needs.
+template <typename Record>
+std::uint64_t parseTable(const Json& document, const std::string& tableName,
+                         std::map<std::string, Record>& out)
+{
+    const auto table = document.find(tableName);
+    if (table == document.end())
+    {
+        return 0;
+    }
+    const Json& entries = entriesOf(*table, tableName);
+    const std::uint64_t status = statusOf(*table, tableName);
+    for (std::size_t i = 0; i < entries.size(); ++i)
+    {
+        const std::string where = tableName + " entry " + std::to_string(i);
+        auto [key, record] = EntryParser<Record>(where).parse(entries[i]);
+        const auto [slot, added] =
+            out.try_emplace(std::move(key), std::move(record));
+        if (!added)
+        {
+            throw LoadError(LoadStatus::badKey,
+                            where + ": duplicate key \"" + slot->first + "\"");
+        }
+    }
+    return status;
+}
+
+void report(const std::string& path, const char* reason) noexcept
+{
+    if (path.empty())
+    {
+        std::fprintf(stderr, "smartdata: %s\n", reason);
+    }
+    else
+    {
+        std::fprintf(stderr, "smartdata: %s: %s\n", path.c_str(), reason);
+    }
+}
+
+// Never throws: every failure becomes a non-zero status and one line on
+// standard error. Nothing reaches the caller's map unless the whole table
+// parsed.
+template <typename Record>
+std::uint64_t loadTable(const char* tableName,
+                        std::map<std::string, Record>& map) noexcept
+{
+    std::string path;
+    try
+    {
+        const char* env = std::getenv(tablesVariable);
+        if (env == nullptr || *env == '\0')
+        {
+            throw LoadError(LoadStatus::unset,
+                            std::string(tablesVariable) + " is not set");
+        }
+        path = env;
+        const Json document = parseDocument(readFile(path));
+        std::map<std::string, Record> loaded;
+        const std::uint64_t status = parseTable(document, tableName, loaded);
+        map.merge(loaded);
+        return status;
+    }
+    catch (const LoadError& e)
+    {
+        report(path, e.what());
+        return e.status();
+    }
+    catch (const std::exception& e)
+    {
+        report(path, e.what());
+    }
+    catch (...)
+    {
+        report(path, "unexpected failure");
+    }
+    return static_cast<std::uint64_t>(LoadStatus::internal);
+}
+
+} // namespace
+
+smartdatasassata_gen::~smartdatasassata_gen() = default;
+
+std::span<const std::string_view, smartdatasassata_gen::fieldCount>
+smartdatasassata_gen::fieldNames()
+{
+    return sasSataNames;
+}
+
+smartdatanvme_gen::~smartdatanvme_gen() = default;
+
+std::span<const std::string_view, smartdatanvme_gen::fieldCount>
+smartdatanvme_gen::fieldNames()
+{
+    return nvmeNames;
+}
+
+namespace DataAbstraction
+{
+
+std::uint64_t
+smartdatasassata::get_map(std::map<std::string, smartdatasassata_gen>& map)
+{
+    return loadTable("sasSata", map);
+}
+
+std::uint64_t
+smartdatanvme::get_map(std::map<std::string, smartdatanvme_gen>& map)
+{
+    return loadTable("nvme", map);
+}
+
+} // namespace DataAbstraction

@@ -1,0 +1,228 @@
+#include "qvDbusCollectCommon.hpp"
+
+#include "dlog.hpp"
+
+#include <sdbusplus/exception.hpp>
+#include <sdbusplus/message.hpp>
+
+#include <string_view>
+
+std::list<std::string> driveObjPaths;
+bool driveObjPathsLoaded = false;
+
+namespace
+{
+
+constexpr int logLevel = 9;
+constexpr int logModule = 172;
+
+constexpr const char* storageService = "com.kest.omrix.storage";
+constexpr const char* storageRoot = "/com/kest/omrix/storage";
+
+constexpr const char* mapperService = "xyz.openbmc_project.ObjectMapper";
+constexpr const char* mapperPath = "/xyz/openbmc_project/object_mapper";
+constexpr const char* mapperInterface = "xyz.openbmc_project.ObjectMapper";
+
+constexpr const char* propertiesInterface = "org.freedesktop.DBus.Properties";
+
+// Index of the alternatives the inventory's properties must hold.
+constexpr size_t stringAlternative = 0;
+constexpr size_t uint32Alternative = 6;
+
+// Every message of this file is prefixed with its base name.
+std::string baseNameOf(std::string_view path)
+{
+    auto slash = path.find_last_of('/');
+    if (slash != std::string_view::npos)
+    {
+        path.remove_prefix(slash + 1);
+    }
+    return std::string(path.substr(0, path.find('.')));
+}
+
+const std::string fileBaseName = baseNameOf(__FILE__);
+
+const char* fileName()
+{
+    return fileBaseName.c_str();
+}
+
+// Interface name, subtree root and interface filter of a storage object
+// kind. Unknown kinds query the whole storage tree without a filter.
+struct KindAddress
+{
+    std::string interface = storageService;
+    std::string root = storageRoot;
+    std::list<std::string> filter;
+};
+
+KindAddress addressOf(uint32_t objType)
+{
+    KindAddress address;
+    if (objType == STORAGE_OBJ_CONTROLLER)
+    {
+        address.interface += ".controller.inventory";
+        address.filter.push_back(address.interface);
+        address.root += "/controller";
+    }
+    else if (objType == STORAGE_OBJ_DRIVE)
+    {
+        address.interface += ".drive.inventory";
+        address.filter.push_back(address.interface);
+        address.root += "/drive";
+    }
+    return address;
+}
+
+// The object list of a kind. Drives are listed once per process, also
+// when that first listing came back empty; other kinds are listed anew.
+const std::list<std::string>& objectsOf(uint32_t objType,
+                                        const KindAddress& address)
+{
+    if (objType == STORAGE_OBJ_DRIVE)
+    {
+        if (!driveObjPathsLoaded)
+        {
+            driveObjPaths = GetObjectsSubTree(address.root, 0, address.filter);
+            driveObjPathsLoaded = true;
+        }
+        return driveObjPaths;
+    }
+    static std::list<std::string> otherObjPaths;
+    otherObjPaths = GetObjectsSubTree(address.root, 0, address.filter);
+    return otherObjPaths;
+}
+
+void takeProperties(const DbusPropertyMap& properties, std::string* fqdd,
+                    uint32_t* protocol, uint32_t* attributes)
+{
+    for (const auto& [name, value] : properties)
+    {
+        if (name == "Fqdd")
+        {
+            *fqdd = std::get<stringAlternative>(value);
+        }
+        else if (name == "Protocol")
+        {
+            *protocol = std::get<uint32Alternative>(value);
+        }
+        else if (name == "Attributes")
+        {
+            *attributes = std::get<uint32Alternative>(value);
+        }
+    }
+}
+
+} // namespace
+
+sdbusplus::bus_t& getDefaultBus()
+{
+    static auto bus = sdbusplus::bus::new_default();
+    return bus;
+}
+
+std::list<std::string>
+GetObjectsSubTree(const std::string& path, int32_t depth,
+                  const std::list<std::string>& interfaces)
+{
+    std::list<std::string> objectPaths;
+    try
+    {
+        auto& bus = getDefaultBus();
+        auto method = bus.new_method_call(mapperService, mapperPath,
+                                          mapperInterface, "GetSubTree");
+        method.append(path, depth, interfaces);
+        auto reply = bus.call(method, 0);
+
+        DbusSubTree subTree;
+        reply.read(subTree);
+        dlog_printf(logLevel, logModule,
+                    "%s.%d.%s: %s: No. of objects found = %d\n", fileName(),
+                    __LINE__, __func__, __func__,
+                    static_cast<int>(subTree.size()));
+        for (const auto& entry : subTree)
+        {
+            objectPaths.push_back(entry.first);
+            dlog_printf(logLevel, logModule, "%s.%d.%s: [%s] %s\n", fileName(),
+                        __LINE__, __func__, __func__, entry.first.c_str());
+        }
+    }
+    catch (const std::exception& e)
+    {
+        dlog_printf(logLevel, logModule, "%s.%d.%s: ERROR:%s\n", fileName(),
+                    __LINE__, __func__, e.what());
+    }
+    return objectPaths;
+}
+
+int getStorageObjCount(uint32_t objType)
+{
+    KindAddress address = addressOf(objType);
+    auto objects = GetObjectsSubTree(address.root, 0, address.filter);
+    int count = static_cast<int>(objects.size());
+    dlog_printf(logLevel, logModule, "%s.%d.%s: objCount:%d\n", fileName(),
+                __LINE__, __func__, count);
+    return count;
+}
+
+int GetAll_DbusPropertyBasicVariant(const std::string& service,
+                                    const std::string& objectPath,
+                                    const std::string& interface,
+                                    DbusPropertyMap& properties)
+{
+    try
+    {
+        auto& bus = getDefaultBus();
+        auto method = bus.new_method_call(service.c_str(), objectPath.c_str(),
+                                          propertiesInterface, "GetAll");
+        method.append(interface);
+        auto reply = bus.call(method, 0);
+        reply.read(properties);
+    }
+    catch (const sdbusplus::exception::exception& e)
+    {
+        dlog_printf(logLevel, logModule,
+                    "%s.%d.%s: [%s]:  failed to set Dbus property error =%s",
+                    fileName(), __LINE__, __func__, __func__, e.what());
+        return 1;
+    }
+    return 0;
+}
+
+int getStorageObjInfo(uint32_t objType, std::string* fqdd, uint32_t* protocol,
+                      uint32_t* attributes, int index)
+{
+    KindAddress address = addressOf(objType);
+    const auto& objects = objectsOf(objType, address);
+    if (objects.empty())
+    {
+        dlog_printf(logLevel, logModule, "%s.%d.%s: No storage objects found\n",
+                    fileName(), __LINE__, __func__);
+        return -1;
+    }
+
+    // A 16-bit position: indexes below 0 or above 65535 never match. An
+    // object whose properties cannot be read hands its position on to the
+    // next one.
+    uint16_t position = 0;
+    DbusPropertyMap properties;
+    for (const auto& path : objects)
+    {
+        if (position != index)
+        {
+            ++position;
+            continue;
+        }
+        properties.clear();
+        if (GetAll_DbusPropertyBasicVariant(storageService, path,
+                                            address.interface, properties) == 0)
+        {
+            takeProperties(properties, fqdd, protocol, attributes);
+            return 0;
+        }
+        dlog_printf(logLevel, logModule,
+                    "%s.%d.%s: [%s]: failed to get property", fileName(),
+                    __LINE__, __func__, __func__);
+    }
+    return 0;
+}

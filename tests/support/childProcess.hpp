@@ -1,0 +1,73 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace testsupport
+{
+
+// Environment changes for a child: a value sets the variable, std::nullopt
+// removes it. Everything else is inherited.
+using EnvChanges = std::map<std::string, std::optional<std::string>>;
+
+// A program started in the background with its standard output on a pipe.
+// It dies with the test process (parent-death signal) and is stopped, then
+// reaped, when the object goes away.
+class ChildProcess
+{
+public:
+    explicit ChildProcess(const std::vector<std::string>& argv,
+                          const EnvChanges& env = {});
+    ~ChildProcess();
+    ChildProcess(const ChildProcess&) = delete;
+    ChildProcess& operator=(const ChildProcess&) = delete;
+
+    pid_t pid() const
+    {
+        return childPid;
+    }
+
+    // Next line of standard output without its newline; throws when the
+    // child closes its output or the timeout passes first.
+    std::string readLine(std::chrono::milliseconds timeout);
+
+    // SIGTERM, then SIGKILL after `grace`; returns the wait status.
+    int stop(std::chrono::milliseconds grace = std::chrono::seconds(5));
+
+private:
+    pid_t childPid = -1;
+    int outFd = -1;
+    std::string pending;
+    std::optional<int> waitStatus;
+};
+
+// A private file-system root for a child: in a mount namespace of its own
+// the child sees `binds` (host path -> path under `root`) and is then
+// confined to `root`.
+struct Jail
+{
+    std::string root;
+    std::vector<std::pair<std::string, std::string>> binds;
+};
+
+struct RunResult
+{
+    int exitCode = -1; // -1 when the program was killed by a signal
+    int termSignal = 0;
+    std::string out;
+    std::string err;
+};
+
+// Runs a program to its end, capturing both output streams. Kills it and
+// throws when it has not finished within `timeout`.
+RunResult
+runProgram(const std::vector<std::string>& argv, const EnvChanges& env = {},
+           std::chrono::milliseconds timeout = std::chrono::seconds(60),
+           const Jail* jail = nullptr);
+
+} // namespace testsupport

@@ -1,0 +1,105 @@
+#include "collectorRoot.hpp"
+
+#include <filesystem>
+#include <fstream>
+
+namespace testsupport
+{
+namespace fs = std::filesystem;
+
+namespace
+{
+
+// Host directories the collector (or a wrapper such as valgrind) needs.
+const std::vector<std::string> boundDirs = {"/usr", "/etc", "/dev", "/proc"};
+
+// Top-level names that are symlinks into /usr on merged-/usr systems.
+const std::vector<std::string> topLevelLinks = {"bin",   "sbin",  "lib",
+                                                "lib32", "lib64", "libx32"};
+
+} // namespace
+
+const std::string& CollectorRoot::collectorPath()
+{
+    static const std::string path = QV_COLLECTOR_PATH;
+    return path;
+}
+
+CollectorRoot::CollectorRoot(bool withCollectionDir)
+{
+    jail.root = root.path();
+    for (const auto& dir : boundDirs)
+    {
+        addBind(dir);
+    }
+    for (const auto& name : topLevelLinks)
+    {
+        fs::path host = "/" + name;
+        std::error_code ec;
+        if (fs::is_symlink(host, ec))
+        {
+            fs::create_symlink(fs::read_symlink(host), hostPath(host), ec);
+        }
+        else if (fs::is_directory(host, ec))
+        {
+            addBind(host);
+        }
+    }
+    addBind(fs::path(collectorPath()).parent_path());
+    if (withCollectionDir)
+    {
+        fs::create_directories(hostPath("/mmc2/qvcollection/vok/storagelog"));
+    }
+}
+
+void CollectorRoot::addBind(const std::string& hostDir)
+{
+    fs::create_directories(hostPath(hostDir));
+    jail.binds.emplace_back(hostDir, hostPath(hostDir));
+}
+
+std::string CollectorRoot::hostPath(const std::string& inside) const
+{
+    return root.path() + inside;
+}
+
+std::string CollectorRoot::read(const std::string& inside) const
+{
+    return readFile(hostPath(inside));
+}
+
+bool CollectorRoot::exists(const std::string& inside) const
+{
+    std::error_code ec;
+    return fs::exists(hostPath(inside), ec);
+}
+
+void CollectorRoot::write(const std::string& inside,
+                          const std::string& content) const
+{
+    fs::create_directories(fs::path(hostPath(inside)).parent_path());
+    std::ofstream(hostPath(inside), std::ios::binary) << content;
+}
+
+RunResult CollectorRoot::run(const std::vector<std::string>& args,
+                             const PrivateBus& bus,
+                             const std::string& tablesFile,
+                             const EnvChanges& extra,
+                             const std::vector<std::string>& wrapper) const
+{
+    fs::copy_file(tablesFile, hostPath("/tables.json"),
+                  fs::copy_options::overwrite_existing);
+    EnvChanges env = bus.environment();
+    env["DLOG_FILE"] = "/dlog.log";
+    env["PLATFORM_SMART_TABLES"] = "/tables.json";
+    for (const auto& [name, value] : extra)
+    {
+        env[name] = value;
+    }
+    std::vector<std::string> argv = wrapper;
+    argv.push_back(collectorPath());
+    argv.insert(argv.end(), args.begin(), args.end());
+    return runProgram(argv, env, std::chrono::seconds(120), &jail);
+}
+
+} // namespace testsupport

@@ -1,0 +1,57 @@
+#pragma once
+
+#include "childProcess.hpp"
+#include "privateBus.hpp"
+#include "tempDir.hpp"
+
+#include <string>
+#include <vector>
+
+namespace testsupport
+{
+
+// A private file-system root for runs of the shipped collector. Inside it
+// the program sees the host's /usr, /etc, /dev and /proc, its own build
+// directory, and a fresh /mmc2 of its own, so the fixed report paths land
+// in a temporary directory. The log goes to /dlog.log inside the root.
+class CollectorRoot
+{
+public:
+    // The directory of the two collection files exists unless told not to.
+    explicit CollectorRoot(bool withCollectionDir = true);
+
+    // Host path of a path inside the root.
+    std::string hostPath(const std::string& inside) const;
+    std::string read(const std::string& inside) const;
+    bool exists(const std::string& inside) const;
+    void write(const std::string& inside, const std::string& content) const;
+
+    // Runs the collector with `args` against `bus`, the SMART tables taken
+    // from the host file `tablesFile`.
+    RunResult run(const std::vector<std::string>& args, const PrivateBus& bus,
+                  const std::string& tablesFile, const EnvChanges& extra = {},
+                  const std::vector<std::string>& wrapper = {}) const;
+
+    // The diagnostic log written so far.
+    std::string log() const
+    {
+        return read("/dlog.log");
+    }
+
+    static const std::string& collectorPath();
+
+private:
+    TempDir root;
+    Jail jail;
+
+    void addBind(const std::string& hostDir);
+};
+
+// Paths of the reports inside the root.
+inline constexpr const char* smartLogsPath =
+    "/mmc2/qvcollection/vok/storagelog/SmartLogs.json";
+inline constexpr const char* smartRawDataPath =
+    "/mmc2/qvcollection/vok/storagelog/SmartRawData.json";
+inline constexpr const char* dailyDir = "/mmc2/mas032/smartlogs/";
+
+} // namespace testsupport
