@@ -70,7 +70,11 @@ case "${1:-}" in
         runTests
         ;;
     demo)
-        compile
+        # Build quietly: the demo's output is the collector's reports.
+        compile > "$here/.demo-build.log" 2>&1 || {
+            cat "$here/.demo-build.log" >&2
+            exit 1
+        }
         exec "$build/tests/e2e/qv-demo" "$here/tests/scenarios/demo.json"
         ;;
     *)

@@ -194,10 +194,15 @@ int remainingMs(Clock::time_point deadline)
 } // namespace
 
 ChildProcess::ChildProcess(const std::vector<std::string>& argv,
-                           const EnvChanges& env)
+                           const EnvChanges& env, bool discardErrors)
 {
     Pipe out;
-    childPid = spawn(argv, env, out.writeEnd, -1);
+    int errFd = discardErrors ? open("/dev/null", O_WRONLY | O_CLOEXEC) : -1;
+    childPid = spawn(argv, env, out.writeEnd, errFd);
+    if (errFd >= 0)
+    {
+        close(errFd);
+    }
     out.closeWrite();
     outFd = out.releaseRead();
 }

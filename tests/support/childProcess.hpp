@@ -21,8 +21,10 @@ using EnvChanges = std::map<std::string, std::optional<std::string>>;
 class ChildProcess
 {
 public:
+    // `discardErrors` sends the child's standard error to /dev/null.
     explicit ChildProcess(const std::vector<std::string>& argv,
-                          const EnvChanges& env = {});
+                          const EnvChanges& env = {},
+                          bool discardErrors = false);
     ~ChildProcess();
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
