@@ -52,6 +52,10 @@ const std::string driveServicePath = "/com/kest/omrix/storage/drive";
 constexpr std::string_view rawDataFqddPrefix = "SMARTData:";
 
 constexpr const char* dailyDirectory = "/mmc2/mas032/smartlogs/";
+constexpr const char* smartLogsFile =
+    "/mmc2/qvcollection/vok/storagelog/SmartLogs.json";
+constexpr const char* smartRawDataFile =
+    "/mmc2/qvcollection/vok/storagelog/SmartRawData.json";
 
 using StatusPair = std::tuple<uint64_t, uint64_t>;
 
@@ -218,9 +222,13 @@ void hexdump(const uint8_t* buffer, int length, std::ofstream& stream)
     }
     std::cerr << "Buf len is [" << length << "]\n" << std::flush;
 
-    // The stream stays in lowercase hexadecimal with fill '0' afterwards;
-    // numbers written to it later (log page codes) depend on that.
-    stream << std::hex << std::setfill('0');
+    // Once something is dumped the stream stays in lowercase hexadecimal
+    // with fill '0'; numbers written to it later (log page codes) depend on
+    // that. An empty dump writes nothing and leaves the stream alone.
+    if (length > 0)
+    {
+        stream << std::hex << std::setfill('0');
+    }
     for (int64_t offset = 0; offset < length; offset += hexRowOctets)
     {
         writeHexRow(stream, buffer, offset, length);
@@ -236,7 +244,7 @@ void hexdump(const uint8_t* buffer, int length, std::ofstream& stream)
 // ---------------------------------------------------------------------------
 // Dated daily files
 
-std::string getCurrentDay(int kind, const std::string& directory)
+std::string getCurrentDay(int kind)
 {
     const std::time_t now = std::time(nullptr);
     std::array<char, 10> date{};
@@ -244,16 +252,11 @@ std::string getCurrentDay(int kind, const std::string& directory)
     {
         std::strftime(date.data(), date.size(), "%Y%m%d", local);
     }
-    const std::string path =
-        directory + (kind == 0 ? "SL" : "RD") + date.data() + ".json";
+    const std::string path = std::string(dailyDirectory) +
+                             (kind == 0 ? "SL" : "RD") + date.data() + ".json";
     dlog_printf(logLevel, logModule, "%s.%d.%s: file : [%s]\n", fileName(),
                 __LINE__, __func__, path.c_str());
     return path;
-}
-
-std::string getCurrentDay(int kind)
-{
-    return getCurrentDay(kind, dailyDirectory);
 }
 
 // ---------------------------------------------------------------------------
@@ -944,7 +947,7 @@ enum class CannotWriteText
 class CollectionRun
 {
 public:
-    CollectionRun(int mode, const ReportFiles& files) : mode(mode), files(files)
+    explicit CollectionRun(int mode) : mode(mode)
     {}
 
     void collect()
@@ -963,7 +966,6 @@ public:
 
 private:
     int mode;
-    const ReportFiles& files;
     std::ofstream logStream;
     std::ofstream rawStream;
     DriveSmartRecord record{};
@@ -1003,11 +1005,11 @@ void CollectionRun::ensureOpen(std::ofstream& stream, int kind,
     std::string path;
     if (mode == 0)
     {
-        path = kind == 0 ? files.smartLogs : files.smartRawData;
+        path = kind == 0 ? smartLogsFile : smartRawDataFile;
     }
     else
     {
-        path = getCurrentDay(kind, files.dailyDirectory);
+        path = getCurrentDay(kind);
         dlog_printf(logLevel, logModule, "%s.%d.%s: Curr Day [%s]\n",
                     fileName(), __LINE__, driverName, path.c_str());
     }
@@ -1307,20 +1309,12 @@ void CollectionRun::closeDocuments()
 
 } // namespace
 
-const ReportFiles& productionReportFiles()
-{
-    static const ReportFiles files{
-        "/mmc2/qvcollection/vok/storagelog/SmartLogs.json",
-        "/mmc2/qvcollection/vok/storagelog/SmartRawData.json", dailyDirectory};
-    return files;
-}
-
-int addSmartData(int mode, const ReportFiles& files)
+int addSmartData(int mode)
 {
     dlog_printf(traceLevel, logModule, "%s.%d: Entry %s", fileName(), __LINE__,
                 __func__);
     int result = 0;
-    CollectionRun run(mode, files);
+    CollectionRun run(mode);
     try
     {
         run.collect();
@@ -1335,11 +1329,6 @@ int addSmartData(int mode, const ReportFiles& files)
     dlog_printf(traceLevel, logModule, "%s.%d: Exit %s: rc:0x%lX", fileName(),
                 __LINE__, __func__, static_cast<long>(result));
     return result;
-}
-
-int addSmartData(int mode)
-{
-    return addSmartData(mode, productionReportFiles());
 }
 
 // ---------------------------------------------------------------------------

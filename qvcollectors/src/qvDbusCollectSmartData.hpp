@@ -153,26 +153,13 @@ extern std::map<std::string, smartdatanvme_gen> nvmeSmartMap;
 extern bool sasSataMapLoaded;
 extern bool nvmeMapLoaded;
 
-// Where a run's two documents go. The collector always uses
-// productionReportFiles(); other destinations exist so the driver can be
-// exercised against scratch files.
-struct ReportFiles
-{
-    std::string smartLogs;      // collection mode, decoded SMART records
-    std::string smartRawData;   // collection mode, raw data and log pages
-    std::string dailyDirectory; // daily mode, dated files
-};
-const ReportFiles& productionReportFiles();
-
 // One collection run. mode 0 writes the collection files, any other value
 // the dated files. Returns 0, 21 (a report file could not be opened) or 2.
 int addSmartData(int mode);
-int addSmartData(int mode, const ReportFiles& files);
 
 // Path of today's dated file: kind 0 the SMART log ("SL"), any other kind
 // the raw data ("RD").
 std::string getCurrentDay(int kind);
-std::string getCurrentDay(int kind, const std::string& directory);
 
 // Report fragments. None opens, closes or flushes the stream.
 void jsonAddStartDataGroup(std::ofstream& stream, const std::string& name);

@@ -241,3 +241,98 @@ TEST_F(CollectorTest, RawDataAnswers)
 
 } // namespace
 } // namespace e2e
+
+namespace e2e
+{
+namespace
+{
+
+TEST_F(CollectorTest, RecordsWithoutPagesStayBalanced)
+{
+    json failing = {{"error",
+                     {{"name", "com.kest.omrix.storage.Error.Busy"},
+                      {"message", "drive busy"}}}};
+    json refused = {{"status", {5, 0}}, {"protocol", sata}, {"attributes", 0}};
+    struct Case
+    {
+        const char* name;
+        json sataAnswer;
+        std::string logLine;
+    };
+    const Case cases[] = {
+        {"error reply", failing,
+         driverLine("Failed to get smartdata of sata HDD")},
+        {"status not zero", refused,
+         driverLine("Failed to get smartdata of sata HDD")},
+        {"every page empty", sataPagesOf({}), ""},
+    };
+    for (const auto& c : cases)
+    {
+        root = std::make_unique<testsupport::CollectorRoot>();
+        Server server;
+        server.tableEntry("a", "SSD", sata, solidState)
+            .inventoryDrive("0", "SATA", sata, 0)
+            .inventoryDrive("1", "SAS", sas, 0)
+            .rawData("SSD", ok({{"data", "01"}}))
+            .sataPages("SATA", c.sataAnswer)
+            .sasPages("SAS", sasPagesOf({page(3, "02")}));
+        auto result = run(server, {"0"});
+        ASSERT_EQ(result.exitCode, 0) << c.name << result.err;
+        // The drive keeps its group, holding one empty-named page group.
+        EXPECT_EQ(rawData(), "{\n\"SSD\":\n{\n" + hexRow("000000", "01 ") +
+                                 "\n},\n\"SATA\":\n{\n\"\": {\n" +
+                                 "\n}\n},\n\"SAS\":\n{\n" +
+                                 "\"readErrCounter(3)\": {\n" +
+                                 hexRow("000000", "02 ") + "\n}\n}\n}")
+            << c.name;
+        if (!c.logLine.empty())
+        {
+            EXPECT_TRUE(logged(c.logLine)) << c.name;
+        }
+    }
+}
+
+TEST_F(CollectorTest, TableEntryWithoutFqddGetsAnEmptyNamedGroup)
+{
+    Server server;
+    server.tableEntry("a", "", sas, solidState, {{"powerOnHours", 7}})
+        .inventoryDrive("0", "", sas, solidState)
+        .rawData("", ok({{"data", "0a"}}));
+    auto result = run(server, {"0"});
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_EQ(rawData(), "{\n\"\":\n{\n" + hexRow("000000", "0a ") + "\n}\n}");
+    const std::string head = "{\n\"\":\n{\n\t\"Protocol\": \"32\",\n";
+    EXPECT_EQ(smartLogs().substr(0, head.size()), head);
+}
+
+TEST_F(CollectorTest, PageLengthsNeverReachPastWhatWasDelivered)
+{
+    std::string rows256;
+    for (unsigned row = 0; row < 16; ++row)
+    {
+        std::string cells;
+        for (unsigned i = 0; i < 16; ++i)
+        {
+            cells += countingHex(row * 16 + i, 1) + " ";
+        }
+        char offset[8];
+        std::snprintf(offset, sizeof(offset), "%06x", row * 16);
+        rows256 += (row == 0 ? "" : ",\n") + hexRow(offset, cells);
+    }
+    json longPage = {{"code", 1}, {"data", countingHex(0, 300)}};
+    json overstated = {{"code", 2}, {"data", "abcd"}, {"length", 10}};
+    json understated = {{"code", 3}, {"data", "a1a2a3a4"}, {"length", 2}};
+    Server server;
+    server.inventoryDrive("0", "SATA", sata, 0)
+        .sataPages("SATA", sataPagesOf({longPage, overstated, understated}));
+    auto result = run(server, {"0"});
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_EQ(rawData(), "{\n\"SATA\":\n{\n\"suppLogPages(1)\": {\n" + rows256 +
+                             "\n},\n\"genStatistics(2)\": {\n" +
+                             hexRow("000000", "ab cd ") +
+                             "\n},\n\"rotaStatistics(3)\": {\n" +
+                             hexRow("000000", "a1 a2 ") + "\n}\n}\n}");
+}
+
+} // namespace
+} // namespace e2e
