@@ -35,31 +35,46 @@ installPackages() {
     "${sudo[@]}" apt-get install -y -qq --no-install-recommends $missing
 }
 
+# configure DIR [meson options...]
 configure() {
-    if [ -f "$build/build.ninja" ]; then
-        meson setup --reconfigure "$build" "$here" >/dev/null
+    local dir=$1
+    shift
+    if [ -f "$dir/build.ninja" ]; then
+        meson setup --reconfigure "$dir" "$here" "$@" >/dev/null
     else
-        meson setup "$build" "$here"
+        meson setup "$dir" "$here" "$@"
     fi
 }
 
 compile() {
     installPackages
-    configure
+    configure "$build"
     ninja -C "$build"
 }
 
-# Prints meson's summary and one closing line "N passed, N failed".
+# The same sources and tests with AddressSanitizer and
+# UndefinedBehaviorSanitizer; any finding ends the program that made it.
+sanitized="$here/build-sanitize"
+compileSanitized() {
+    configure "$sanitized" -Db_sanitize=address,undefined -Db_lundef=false \
+        -Dcpp_args=-fno-sanitize-recover=all -Dbuildtype=debug
+    ninja -C "$sanitized"
+}
+
+# runTests DIR: runs the suite of one build; adds to the totals.
+passedTotal=0
+failedTotal=0
 runTests() {
-    local rc=0 json="$build/meson-logs/testlog.json"
+    local dir=$1 rc=0 json="$1/meson-logs/testlog.json"
     rm -f "$json"
-    meson test -C "$build" --print-errorlogs --num-processes "$(nproc)" || rc=$?
+    meson test -C "$dir" --print-errorlogs --num-processes "$(nproc)" || rc=$?
     local passed=0 failed=0
     if [ -f "$json" ]; then
         passed=$(grep -c '"result": "OK"' "$json" || true)
         failed=$(grep -cE '"result": "(FAIL|TIMEOUT|ERROR|UNEXPECTEDPASS)"' "$json" || true)
     fi
-    echo "tests: ${passed} passed, ${failed} failed"
+    passedTotal=$((passedTotal + passed))
+    failedTotal=$((failedTotal + failed))
     [ "$passed" -gt 0 ] || rc=1
     return $rc
 }
@@ -67,7 +82,13 @@ runTests() {
 case "${1:-}" in
     test)
         compile
-        runTests
+        status=0
+        runTests "$build" || status=1
+        echo "run.sh: again with AddressSanitizer and UndefinedBehaviorSanitizer"
+        compileSanitized
+        runTests "$sanitized" || status=1
+        echo "tests: ${passedTotal} passed, ${failedTotal} failed"
+        exit $status
         ;;
     demo)
         # Build quietly: the demo's output is the collector's reports.
