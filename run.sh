@@ -11,7 +11,7 @@ packages=(
     g++ pkg-config meson ninja-build
     libsystemd-dev dbus-daemon
     libgtest-dev libgmock-dev nlohmann-json3-dev
-    util-linux coreutils
+    util-linux coreutils valgrind
 )
 
 missingPackages() {
@@ -61,13 +61,16 @@ compileSanitized() {
     ninja -C "$sanitized"
 }
 
-# runTests DIR: runs the suite of one build; adds to the totals.
+# runTests DIR [meson test options]: runs tests of one build; adds to the
+# totals.
 passedTotal=0
 failedTotal=0
 runTests() {
     local dir=$1 rc=0 json="$1/meson-logs/testlog.json"
+    shift
     rm -f "$json"
-    meson test -C "$dir" --print-errorlogs --num-processes "$(nproc)" || rc=$?
+    meson test -C "$dir" --print-errorlogs --num-processes "$(nproc)" "$@" ||
+        rc=$?
     local passed=0 failed=0
     if [ -f "$json" ]; then
         passed=$(grep -c '"result": "OK"' "$json" || true)
@@ -84,6 +87,9 @@ case "${1:-}" in
         compile
         status=0
         runTests "$build" || status=1
+        echo "run.sh: end-to-end tests with the collector under valgrind"
+        QV_COLLECTOR_WRAPPER="/usr/bin/valgrind --error-exitcode=99 --leak-check=full --errors-for-leak-kinds=definite,indirect -q" \
+            runTests "$build" --suite e2e || status=1
         echo "run.sh: again with AddressSanitizer and UndefinedBehaviorSanitizer"
         compileSanitized
         runTests "$sanitized" || status=1

@@ -1,7 +1,9 @@
 #include "collectorRoot.hpp"
 
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 
 namespace testsupport
 {
@@ -21,9 +23,30 @@ const std::vector<std::string> topLevelLinks = {"bin",   "sbin",  "lib",
 
 const std::string& CollectorRoot::collectorPath()
 {
-    static const std::string path = QV_COLLECTOR_PATH;
+    static const std::string path = [] {
+        const char* chosen = std::getenv("QV_COLLECTOR");
+        return std::string(
+            chosen != nullptr && *chosen != '\0' ? chosen : QV_COLLECTOR_PATH);
+    }();
     return path;
 }
+
+namespace
+{
+
+std::vector<std::string> wrapperWords()
+{
+    std::vector<std::string> words;
+    const char* wrapper = std::getenv("QV_COLLECTOR_WRAPPER");
+    std::istringstream in(wrapper != nullptr ? wrapper : "");
+    for (std::string word; in >> word;)
+    {
+        words.push_back(word);
+    }
+    return words;
+}
+
+} // namespace
 
 CollectorRoot::CollectorRoot(bool withCollectionDir)
 {
@@ -46,6 +69,9 @@ CollectorRoot::CollectorRoot(bool withCollectionDir)
         }
     }
     addBind(fs::path(collectorPath()).parent_path());
+    // A scratch /tmp of the root's own, for wrappers such as valgrind.
+    fs::create_directories(hostPath("/tmp"));
+    fs::permissions(hostPath("/tmp"), fs::perms::all | fs::perms::sticky_bit);
     if (withCollectionDir)
     {
         fs::create_directories(hostPath("/mmc2/qvcollection/vok/storagelog"));
@@ -84,8 +110,7 @@ void CollectorRoot::write(const std::string& inside,
 RunResult CollectorRoot::run(const std::vector<std::string>& args,
                              const PrivateBus& bus,
                              const std::string& tablesFile,
-                             const EnvChanges& extra,
-                             const std::vector<std::string>& wrapper) const
+                             const EnvChanges& extra) const
 {
     fs::copy_file(tablesFile, hostPath("/tables.json"),
                   fs::copy_options::overwrite_existing);
@@ -96,7 +121,7 @@ RunResult CollectorRoot::run(const std::vector<std::string>& args,
     {
         env[name] = value;
     }
-    std::vector<std::string> argv = wrapper;
+    std::vector<std::string> argv = wrapperWords();
     argv.push_back(collectorPath());
     argv.insert(argv.end(), args.begin(), args.end());
     return runProgram(argv, env, std::chrono::seconds(120), &jail);

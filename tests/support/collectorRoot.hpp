@@ -27,10 +27,13 @@ public:
     void write(const std::string& inside, const std::string& content) const;
 
     // Runs the collector with `args` against `bus`, the SMART tables taken
-    // from the host file `tablesFile`.
+    // from the host file `tablesFile`. QV_COLLECTOR names another build of
+    // the collector to run (an AArch64 one, say) and QV_COLLECTOR_WRAPPER a
+    // command line to run it under (valgrind, qemu-aarch64), words
+    // separated by blanks.
     RunResult run(const std::vector<std::string>& args, const PrivateBus& bus,
-                  const std::string& tablesFile, const EnvChanges& extra = {},
-                  const std::vector<std::string>& wrapper = {}) const;
+                  const std::string& tablesFile,
+                  const EnvChanges& extra = {}) const;
 
     // The diagnostic log written so far.
     std::string log() const
@@ -38,6 +41,7 @@ public:
         return read("/dlog.log");
     }
 
+    // The collector this test run exercises.
     static const std::string& collectorPath();
 
 private:
