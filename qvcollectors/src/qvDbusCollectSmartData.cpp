@@ -722,73 +722,83 @@ int qvdbusGetSmartPDSASSATARawData(const std::string& fqdd,
     return 0;
 }
 
-int qvdbusGetSmartPDSATAHDDData(DriveSmartRecord* record,
-                                const std::string& fqdd)
+namespace
+{
+
+// The two hard-drive requests differ only in their member, their number of
+// pages and the wording of their log lines.
+struct HardDriveRequest
+{
+    const char* function;
+    const char* member;
+    size_t pageCount;
+    const char* calledLine; // logged once the reply is read, if not null
+    const char* statusLine;
+    const char* failureLine;
+};
+
+constexpr HardDriveRequest sataRequest{
+    "qvdbusGetSmartPDSATAHDDData",
+    "GetSmartPDSATAHDDData",
+    sataLogPageCount,
+    "%s.%d.%s: success to call method:",
+    "%s.%d.%s: success to qvdbusGetSmartPDSATAHDDData call method: %ld %ld",
+    "%s.%d.%s: Failed to qvdbusGetSmartPDSATAHDDData call method"};
+
+constexpr HardDriveRequest sasRequest{
+    "qvdbusGetSmartPDSASHDDData",
+    "GetSmartPDSASHDDData",
+    sasLogPageCount,
+    nullptr,
+    "%s.%d.%s: success to qvdbusGetSmartPDSASHDDData call method: %ld %ld",
+    "%s.%d.%s: Failed to qvdbusGetSmartPDSASHDDData call method"};
+
+int fetchHardDrivePages(const HardDriveRequest& request,
+                        DriveSmartRecord* record, const std::string& fqdd)
 {
     HardDriveReply reply;
-    if (!callHardDriveMethod(__func__, "GetSmartPDSATAHDDData", fqdd,
-                             sataLogPageCount, reply))
+    if (!callHardDriveMethod(request.function, request.member, fqdd,
+                             request.pageCount, reply))
     {
         return -1;
     }
     const auto [primaryErr, secondaryErr] = reply.status;
-    dlog_printf(logLevel, logModule,
-                "%s.%d.%s: success to call method:", fileName(), __LINE__,
-                __func__);
-    dlog_printf(logLevel, logModule,
-                "%s.%d.%s: success to qvdbusGetSmartPDSATAHDDData call "
-                "method: %ld %ld",
-                fileName(), __LINE__, __func__, static_cast<long>(primaryErr),
+    if (request.calledLine != nullptr)
+    {
+        dlog_printf(logLevel, logModule, request.calledLine, fileName(),
+                    __LINE__, request.function);
+    }
+    dlog_printf(logLevel, logModule, request.statusLine, fileName(), __LINE__,
+                request.function, static_cast<long>(primaryErr),
                 static_cast<long>(secondaryErr));
     if (primaryErr != 0 || secondaryErr != 0)
     {
-        dlog_printf(logLevel, logModule,
-                    "%s.%d.%s: Failed to qvdbusGetSmartPDSATAHDDData call "
-                    "method",
-                    fileName(), __LINE__, __func__);
+        dlog_printf(logLevel, logModule, request.failureLine, fileName(),
+                    __LINE__, request.function);
         return -1;
     }
     dlog_printf(logLevel, logModule, "%s.%d.%s: Protocol:%d, Attributes:%d\n",
-                fileName(), __LINE__, __func__,
+                fileName(), __LINE__, request.function,
                 static_cast<int>(reply.protocol),
                 static_cast<int>(reply.attributes));
     record->protocol = reply.protocol;
     record->attributes = reply.attributes;
-    storePages(*record, reply, sataLogPageCount, __func__, fqdd);
+    storePages(*record, reply, request.pageCount, request.function, fqdd);
     return 0;
+}
+
+} // namespace
+
+int qvdbusGetSmartPDSATAHDDData(DriveSmartRecord* record,
+                                const std::string& fqdd)
+{
+    return fetchHardDrivePages(sataRequest, record, fqdd);
 }
 
 int qvdbusGetSmartPDSASHDDData(DriveSmartRecord* record,
                                const std::string& fqdd)
 {
-    HardDriveReply reply;
-    if (!callHardDriveMethod(__func__, "GetSmartPDSASHDDData", fqdd,
-                             sasLogPageCount, reply))
-    {
-        return -1;
-    }
-    const auto [primaryErr, secondaryErr] = reply.status;
-    dlog_printf(logLevel, logModule,
-                "%s.%d.%s: success to qvdbusGetSmartPDSASHDDData call "
-                "method: %ld %ld",
-                fileName(), __LINE__, __func__, static_cast<long>(primaryErr),
-                static_cast<long>(secondaryErr));
-    if (primaryErr != 0 || secondaryErr != 0)
-    {
-        dlog_printf(logLevel, logModule,
-                    "%s.%d.%s: Failed to qvdbusGetSmartPDSASHDDData call "
-                    "method",
-                    fileName(), __LINE__, __func__);
-        return -1;
-    }
-    dlog_printf(logLevel, logModule, "%s.%d.%s: Protocol:%d, Attributes:%d\n",
-                fileName(), __LINE__, __func__,
-                static_cast<int>(reply.protocol),
-                static_cast<int>(reply.attributes));
-    record->protocol = reply.protocol;
-    record->attributes = reply.attributes;
-    storePages(*record, reply, sasLogPageCount, __func__, fqdd);
-    return 0;
+    return fetchHardDrivePages(sasRequest, record, fqdd);
 }
 
 // ---------------------------------------------------------------------------

@@ -263,7 +263,8 @@ TEST_F(CollectorTest, RecordsWithoutPagesStayBalanced)
         {"error reply", failing,
          driverLine("Failed to get smartdata of sata HDD")},
         {"status not zero", refused,
-         driverLine("Failed to get smartdata of sata HDD")},
+         "9|171|qvDbusCollectSmartData.L.qvdbusGetSmartPDSATAHDDData: Failed "
+         "to qvdbusGetSmartPDSATAHDDData call method"},
         {"every page empty", sataPagesOf({}), ""},
     };
     for (const auto& c : cases)
