@@ -8,6 +8,7 @@
 
 #include <memory>
 #include <regex>
+#include <sstream>
 #include <variant>
 
 namespace
@@ -175,6 +176,30 @@ TEST_F(InventoryTest, CountPerKind)
     EXPECT_EQ(info.fqdd, "CTRL-0");
     EXPECT_EQ(info.protocol, 7u);
     EXPECT_EQ(info.attributes, 0xbeefu);
+}
+
+TEST_F(InventoryTest, CountsQueryEveryTimeWhileDrivesAreListedOnce)
+{
+    std::string callLog = dir.file("calls.log");
+    serve(R"({"callLog": ")" + callLog + R"(", "objects": [)" +
+          sasDrive("1", "D1") + "," + sasDrive("2", "D2") + "]}");
+    auto mapperQueries = [&] {
+        std::istringstream calls(testsupport::readFile(callLog));
+        int count = 0;
+        for (std::string line; std::getline(calls, line);)
+        {
+            count += line.rfind("GetSubTree ", 0) == 0 ? 1 : 0;
+        }
+        return count;
+    };
+    EXPECT_EQ(getStorageObjCount(STORAGE_OBJ_DRIVE), 2);
+    EXPECT_EQ(getStorageObjCount(STORAGE_OBJ_DRIVE), 2);
+    EXPECT_EQ(mapperQueries(), 2);
+    for (int index : {0, 1, 0, 1})
+    {
+        infoOf(index);
+    }
+    EXPECT_EQ(mapperQueries(), 3);
 }
 
 TEST_F(InventoryTest, MapperAbsentGivesOneErrorAndCachesEmptyDriveList)
