@@ -11,7 +11,7 @@ packages=(
     g++ pkg-config meson ninja-build
     libsystemd-dev dbus-daemon
     libgtest-dev libgmock-dev nlohmann-json3-dev
-    util-linux coreutils valgrind
+    util-linux coreutils valgrind systemd
 )
 
 missingPackages() {

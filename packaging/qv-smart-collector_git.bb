@@ -1,0 +1,24 @@
+SUMMARY = "Drive SMART data collector"
+DESCRIPTION = "Gathers the SMART data of the server's SAS/SATA solid-state \
+drives, hard drives and NVMe drives and appends it to the support-data \
+collection and to a daily history."
+LICENSE = "CLOSED"
+
+# The collector, its units and its build; the platform libraries (dlog, utl,
+# smartdata) come from the firmware's own recipes.
+DEPENDS = "sdbusplus systemd dlog utl smartdata"
+
+SRC_URI = "git://git.example.invalid/qv-smart-collector.git;branch=main;protocol=https"
+SRCREV = "${AUTOREV}"
+S = "${WORKDIR}/git"
+
+inherit meson pkgconfig systemd
+
+EXTRA_OEMESON = "-Dtests=disabled -Dsystemd-units=enabled"
+
+SYSTEMD_PACKAGES = "${PN}"
+# Only the timer is enabled; it starts the service, which has no [Install].
+SYSTEMD_SERVICE:${PN} = "qv-smart-collector.timer"
+SYSTEMD_AUTO_ENABLE:${PN} = "enable"
+
+FILES:${PN} += "${systemd_system_unitdir}/qv-smart-collector.*"

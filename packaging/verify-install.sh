@@ -1,0 +1,31 @@
+#!/bin/sh
+# Installs the build into a scratch root and checks the systemd units there
+# with systemd-analyze, as an image build would lay them out.
+#   verify-install.sh BUILD_DIR BINDIR UNIT_DIR
+set -eu
+build=$1
+bindir=$2
+unitdir=$3
+root=$(mktemp -d)
+trap 'rm -rf "$root"' EXIT
+
+meson install -C "$build" --destdir "$root" --no-rebuild --quiet >/dev/null
+test -x "$root$bindir/qv-smart-collector"
+for unit in qv-smart-collector.service qv-smart-collector.timer; do
+    test -f "$root$unitdir/$unit"
+done
+# Under --root systemd looks for units only inside the root: give it the
+# host's standard units (timers.target, sysinit.target, ...) beside ours.
+mkdir -p "$root/etc/systemd/system" "$root/usr/lib/systemd/system"
+cp -rn /lib/systemd/system/. "$root$unitdir/"
+# verify exits 0 on many mistakes it only warns about: any word from it
+# counts as a failure.
+status=0
+complaints=$(systemd-analyze verify --root="$root" \
+    "$root$unitdir/qv-smart-collector.service" \
+    "$root$unitdir/qv-smart-collector.timer" 2>&1) || status=$?
+if [ "$status" -ne 0 ] || [ -n "$complaints" ]; then
+    echo "$complaints" >&2
+    exit 1
+fi
+echo "installed and verified under $root"
