@@ -2,6 +2,7 @@
 # The project's two commands:
 #   ./run.sh demo   run the collector over a simulated server and show its reports
 #   ./run.sh test   install what is missing, build, run every test
+#   ./run.sh fuzz [SECONDS]   run each fuzz target longer (default 300 s)
 set -euo pipefail
 
 here=$(cd "$(dirname "$0")" && pwd)
@@ -12,6 +13,7 @@ packages=(
     libsystemd-dev dbus-daemon
     libgtest-dev libgmock-dev nlohmann-json3-dev
     util-linux coreutils valgrind systemd
+    clang libclang-rt-14-dev
 )
 
 missingPackages() {
@@ -93,6 +95,13 @@ case "${1:-}" in
         echo "run.sh: again with AddressSanitizer and UndefinedBehaviorSanitizer"
         compileSanitized
         runTests "$sanitized" || status=1
+        echo "run.sh: fuzz targets, 5 seconds each"
+        if "$here/tests/fuzz/run-fuzz.sh" 5; then
+            passedTotal=$((passedTotal + 1))
+        else
+            failedTotal=$((failedTotal + 1))
+            status=1
+        fi
         echo "tests: ${passedTotal} passed, ${failedTotal} failed"
         exit $status
         ;;
@@ -104,8 +113,12 @@ case "${1:-}" in
         }
         exec "$build/tests/e2e/qv-demo" "$here/tests/scenarios/demo.json"
         ;;
+    fuzz)
+        installPackages
+        exec "$here/tests/fuzz/run-fuzz.sh" "${2:-300}"
+        ;;
     *)
-        echo "usage: $0 demo|test" >&2
+        echo "usage: $0 demo|test|fuzz [SECONDS]" >&2
         exit 64
         ;;
 esac

@@ -1,0 +1,370 @@
+#include "reportTool.hpp"
+
+#include <algorithm>
+#include <cctype>
+#include <fstream>
+#include <iomanip>
+#include <sstream>
+
+namespace qvreport
+{
+namespace
+{
+
+void writeJsonString(std::ostream& out, std::string_view text)
+{
+    out << '"';
+    for (char c : text)
+    {
+        auto octet = static_cast<unsigned char>(c);
+        if (c == '"' || c == '\\')
+        {
+            out << '\\' << c;
+        }
+        else if (octet < 0x20)
+        {
+            out << "\\u" << std::hex << std::setw(4) << std::setfill('0')
+                << unsigned{octet} << std::dec << std::setfill(' ');
+        }
+        else
+        {
+            out << c;
+        }
+    }
+    out << '"';
+}
+
+// Digit strings become JSON numbers verbatim, so 64-bit counters stay exact.
+bool isJsonNumber(const std::string& text)
+{
+    return !text.empty() && text.size() <= 20 &&
+           std::ranges::all_of(
+               text,
+               [](char c) {
+                   return std::isdigit(static_cast<unsigned char>(c)) != 0;
+               }) &&
+           (text == "0" || text.front() != '0');
+}
+
+void writeJsonValue(std::ostream& out, const Node& node)
+{
+    if (!node.isObject)
+    {
+        if (isJsonNumber(node.text))
+        {
+            out << node.text;
+        }
+        else
+        {
+            writeJsonString(out, node.text);
+        }
+        return;
+    }
+    if (auto octets = decodeHexRows(node); octets)
+    {
+        out << '[';
+        for (size_t i = 0; i < octets->size(); ++i)
+        {
+            out << (i == 0 ? "" : ",") << (*octets)[i];
+        }
+        out << ']';
+        return;
+    }
+    out << '{';
+    for (size_t i = 0; i < node.members.size(); ++i)
+    {
+        out << (i == 0 ? "" : ",");
+        writeJsonString(out, node.members[i].name);
+        out << ':';
+        writeJsonValue(out, node.members[i]);
+    }
+    out << '}';
+}
+
+struct Column
+{
+    const char* title;
+    const Reading DriveHealth::*reading;
+};
+
+constexpr Column readingColumns[] = {
+    {"temp_c", &DriveHealth::temperatureC},
+    {"life_remaining", &DriveHealth::lifeRemaining},
+    {"percent_used", &DriveHealth::percentUsed},
+    {"power_on_hours", &DriveHealth::powerOnHours},
+    {"media_errors", &DriveHealth::mediaErrors},
+    {"crc_errors", &DriveHealth::crcErrors},
+    {"reallocated", &DriveHealth::reallocated},
+    {"pending", &DriveHealth::pending},
+    {"available_spare", &DriveHealth::availableSpare},
+};
+
+std::string joined(const std::vector<std::string>& names, char separator)
+{
+    std::string text;
+    for (const auto& name : names)
+    {
+        text += (text.empty() ? "" : std::string(1, separator)) + name;
+    }
+    return text;
+}
+
+std::string readingText(const Reading& reading)
+{
+    return reading.value ? std::to_string(*reading.value) : "";
+}
+
+// Alerted figures, by column title, for the csv "alerts" column.
+std::vector<std::string> alerts(const DriveHealth& drive)
+{
+    std::vector<std::string> titles;
+    for (const auto& column : readingColumns)
+    {
+        if ((drive.*column.reading).alert)
+        {
+            titles.emplace_back(column.title);
+        }
+    }
+    if (drive.criticalWarnings && !drive.criticalWarnings->empty())
+    {
+        titles.emplace_back("critical_warning");
+    }
+    return titles;
+}
+
+std::string csvCell(const std::string& text)
+{
+    if (text.find_first_of(",\"\n") == std::string::npos)
+    {
+        return text;
+    }
+    std::string quoted = "\"";
+    for (char c : text)
+    {
+        quoted += c == '"' ? std::string("\"\"") : std::string(1, c);
+    }
+    return quoted + '"';
+}
+
+std::vector<std::string> tableCells(const DriveHealth& drive)
+{
+    std::vector<std::string> cells{
+        drive.fqdd.empty() ? "(no FQDD)" : drive.fqdd, drive.driveClass};
+    for (const auto& column : readingColumns)
+    {
+        const Reading& reading = drive.*column.reading;
+        cells.push_back(reading.value
+                            ? readingText(reading) + (reading.alert ? "!" : "")
+                            : "-");
+    }
+    if (!drive.criticalWarnings)
+    {
+        cells.emplace_back("-");
+    }
+    else
+    {
+        cells.push_back(drive.criticalWarnings->empty()
+                            ? "none"
+                            : joined(*drive.criticalWarnings, ',') + "!");
+    }
+    return cells;
+}
+
+constexpr int tableWidths[] = {22, 9, 7, 5, 5, 8, 7, 6, 7, 7, 6};
+
+void writeTableLine(std::ostream& out, const std::vector<std::string>& cells)
+{
+    for (size_t i = 0; i < cells.size(); ++i)
+    {
+        if (i + 1 < cells.size())
+        {
+            out << std::left << std::setw(tableWidths[i]) << cells[i] << ' ';
+        }
+        else
+        {
+            out << cells[i];
+        }
+    }
+    out << '\n';
+}
+
+struct Options
+{
+    Format format = Format::table;
+    std::vector<std::string> files;
+};
+
+constexpr const char* usage =
+    "usage: qv-smart-report [--format table|csv|json] REPORT...\n";
+
+std::optional<Options> parseArgs(std::span<const std::string> args,
+                                 std::ostream& err)
+{
+    Options options;
+    for (size_t i = 0; i < args.size(); ++i)
+    {
+        std::string value;
+        if (args[i] == "--format" && i + 1 < args.size())
+        {
+            value = args[++i];
+        }
+        else if (args[i].starts_with("--format="))
+        {
+            value = args[i].substr(9);
+        }
+        else if (args[i].starts_with("-") && args[i] != "-")
+        {
+            err << "qv-smart-report: unknown option " << args[i] << '\n'
+                << usage;
+            return std::nullopt;
+        }
+        else
+        {
+            options.files.push_back(args[i]);
+            continue;
+        }
+        if (value == "table" || value == "csv" || value == "json")
+        {
+            options.format = value == "table" ? Format::table
+                             : value == "csv" ? Format::csv
+                                              : Format::json;
+        }
+        else
+        {
+            err << "qv-smart-report: unknown format '" << value << "'\n"
+                << usage;
+            return std::nullopt;
+        }
+    }
+    if (options.files.empty())
+    {
+        err << usage;
+        return std::nullopt;
+    }
+    return options;
+}
+
+void writeDocument(std::ostream& out, Format format, const std::string& file,
+                   const Document& document)
+{
+    switch (format)
+    {
+        case Format::json:
+            writeJson(out, file, document);
+            break;
+        case Format::csv:
+            writeCsvRows(out, file, driveHealth(document));
+            break;
+        case Format::table:
+            writeTableRows(out, driveHealth(document));
+            break;
+    }
+}
+
+} // namespace
+
+void writeJson(std::ostream& out, const std::string& file,
+               const Document& document)
+{
+    out << "{\"file\":";
+    writeJsonString(out, file);
+    out << ",\"line\":" << document.line << ",\"report\":";
+    writeJsonValue(out, document.root);
+    out << "}\n";
+}
+
+void writeCsvHeader(std::ostream& out)
+{
+    out << "file,fqdd,class";
+    for (const auto& column : readingColumns)
+    {
+        out << ',' << column.title;
+    }
+    out << ",critical_warning,alerts\n";
+}
+
+void writeCsvRows(std::ostream& out, const std::string& file,
+                  const std::vector<DriveHealth>& drives)
+{
+    for (const auto& drive : drives)
+    {
+        out << csvCell(file) << ',' << csvCell(drive.fqdd) << ','
+            << drive.driveClass;
+        for (const auto& column : readingColumns)
+        {
+            out << ',' << readingText(drive.*column.reading);
+        }
+        out << ','
+            << (drive.criticalWarnings
+                    ? csvCell(drive.criticalWarnings->empty()
+                                  ? "none"
+                                  : joined(*drive.criticalWarnings, ';'))
+                    : "")
+            << ',' << joined(alerts(drive), ';') << '\n';
+    }
+}
+
+void writeTableHeader(std::ostream& out)
+{
+    writeTableLine(out,
+                   {"FQDD", "CLASS", "TEMP_C", "LIFE", "USED%", "POH", "MEDIA",
+                    "CRC", "REALLOC", "PENDING", "SPARE", "CRITICAL_WARNING"});
+}
+
+void writeTableRows(std::ostream& out, const std::vector<DriveHealth>& drives)
+{
+    for (const auto& drive : drives)
+    {
+        writeTableLine(out, tableCells(drive));
+    }
+}
+
+int runReportTool(std::span<const std::string> args, std::ostream& out,
+                  std::ostream& err)
+{
+    auto options = parseArgs(args, err);
+    if (!options)
+    {
+        return exitUsage;
+    }
+    if (options->format == Format::csv)
+    {
+        writeCsvHeader(out);
+    }
+    else if (options->format == Format::table)
+    {
+        writeTableHeader(out);
+    }
+    int status = exitOk;
+    for (const auto& file : options->files)
+    {
+        std::ifstream in(file, std::ios::binary);
+        if (!in)
+        {
+            err << file << ": cannot be read\n";
+            status = exitDamaged;
+            continue;
+        }
+        std::ostringstream text;
+        text << in.rdbuf();
+        ReadResult result = readReport(text.str());
+        for (const auto& document : result.documents)
+        {
+            writeDocument(out, options->format, file, document);
+        }
+        for (const auto& note : result.notes)
+        {
+            err << file << ':' << note.line << ": note: " << note.reason
+                << '\n';
+        }
+        if (result.damage)
+        {
+            err << file << ':' << result.damage->line << ": "
+                << result.damage->reason << '\n';
+            status = exitDamaged;
+        }
+    }
+    return status;
+}
+
+} // namespace qvreport

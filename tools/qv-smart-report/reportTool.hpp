@@ -1,0 +1,40 @@
+#pragma once
+
+#include "driveHealth.hpp"
+#include "reportDocument.hpp"
+
+#include <ostream>
+#include <span>
+#include <string>
+
+namespace qvreport
+{
+
+enum class Format
+{
+    table,
+    csv,
+    json
+};
+
+enum ExitCode
+{
+    exitOk = 0,
+    exitDamaged = 1,
+    exitUsage = 2
+};
+
+// One JSON line for a document: {"file":..,"line":..,"report":{..}}.
+void writeJson(std::ostream& out, const std::string& file,
+               const Document& document);
+void writeCsvHeader(std::ostream& out);
+void writeCsvRows(std::ostream& out, const std::string& file,
+                  const std::vector<DriveHealth>& drives);
+void writeTableHeader(std::ostream& out);
+void writeTableRows(std::ostream& out, const std::vector<DriveHealth>& drives);
+
+// The whole command: arguments without the program name.
+int runReportTool(std::span<const std::string> args, std::ostream& out,
+                  std::ostream& err);
+
+} // namespace qvreport
