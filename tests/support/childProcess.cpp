@@ -122,6 +122,15 @@ bool enterJail(const Jail& jail)
             return false;
         }
     }
+    for (const auto& path : jail.readOnly)
+    {
+        if (mount(path.c_str(), path.c_str(), nullptr, MS_BIND, nullptr) != 0 ||
+            mount(nullptr, path.c_str(), nullptr,
+                  MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr) != 0)
+        {
+            return false;
+        }
+    }
     return chroot(jail.root.c_str()) == 0 && chdir("/") == 0;
 }
 

@@ -49,12 +49,14 @@ private:
 };
 
 // A private file-system root for a child: in a mount namespace of its own
-// the child sees `binds` (host path -> path under `root`) and is then
-// confined to `root`.
+// the child sees `binds` (host path -> path under `root`), then the host
+// paths `readOnly` are made read-only for it, and it is confined to `root`.
+// Read-only mounts stop writes that permissions would not stop for root.
 struct Jail
 {
     std::string root;
     std::vector<std::pair<std::string, std::string>> binds;
+    std::vector<std::string> readOnly;
 };
 
 struct RunResult

@@ -1,9 +1,15 @@
 #include "collectorRoot.hpp"
 
+#include <sched.h>
+#include <sys/mount.h>
+
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <stdexcept>
 
 namespace testsupport
 {
@@ -76,6 +82,57 @@ CollectorRoot::CollectorRoot(bool withCollectionDir)
     {
         fs::create_directories(hostPath("/mmc2/qvcollection/vok/storagelog"));
     }
+}
+
+CollectorRoot::~CollectorRoot()
+{
+    for (auto mount = mounts.rbegin(); mount != mounts.rend(); ++mount)
+    {
+        umount2(mount->c_str(), MNT_DETACH);
+    }
+}
+
+void CollectorRoot::readOnly(const std::string& inside)
+{
+    fs::create_directories(hostPath(inside));
+    jail.readOnly.push_back(hostPath(inside));
+}
+
+namespace
+{
+
+void mountFailure(const std::string& what)
+{
+    throw std::runtime_error(what + ": " + std::strerror(errno));
+}
+
+// Mounts made by the test process stay inside its own mount namespace.
+void enterPrivateMountNamespace()
+{
+    static const bool entered = [] {
+        if (unshare(CLONE_NEWNS) != 0 ||
+            mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+        {
+            mountFailure("private mount namespace");
+        }
+        return true;
+    }();
+    (void)entered;
+}
+
+} // namespace
+
+void CollectorRoot::smallDisk(const std::string& inside, size_t bytes)
+{
+    enterPrivateMountNamespace();
+    std::string target = hostPath(inside);
+    fs::create_directories(target);
+    std::string options = "size=" + std::to_string(bytes) + ",mode=0755";
+    if (mount("tmpfs", target.c_str(), "tmpfs", 0, options.c_str()) != 0)
+    {
+        mountFailure("tmpfs on " + target);
+    }
+    mounts.push_back(target);
 }
 
 void CollectorRoot::addBind(const std::string& hostDir)

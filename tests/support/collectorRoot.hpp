@@ -4,6 +4,7 @@
 #include "privateBus.hpp"
 #include "tempDir.hpp"
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -19,6 +20,17 @@ class CollectorRoot
 public:
     // The directory of the two collection files exists unless told not to.
     explicit CollectorRoot(bool withCollectionDir = true);
+    ~CollectorRoot();
+    CollectorRoot(const CollectorRoot&) = delete;
+    CollectorRoot& operator=(const CollectorRoot&) = delete;
+
+    // The collector sees the directory `inside` read-only.
+    void readOnly(const std::string& inside);
+    // Puts a tmpfs of `bytes` over the directory `inside`, for this root's
+    // lifetime. The mount lives in a mount namespace private to the test
+    // process (entered on first use), so the test can fill and read it and
+    // nothing of it reaches the host.
+    void smallDisk(const std::string& inside, size_t bytes);
 
     // Host path of a path inside the root.
     std::string hostPath(const std::string& inside) const;
@@ -47,6 +59,7 @@ public:
 private:
     TempDir root;
     Jail jail;
+    std::vector<std::string> mounts;
 
     void addBind(const std::string& hostDir);
 };

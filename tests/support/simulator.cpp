@@ -1,5 +1,6 @@
 #include "simulator.hpp"
 
+#include <cstdlib>
 #include <stdexcept>
 
 namespace testsupport
@@ -35,7 +36,13 @@ int Simulator::stop()
 
 const std::string& Simulator::executablePath()
 {
-    static const std::string path = STORAGE_SIM_PATH;
+    // A cross build's own simulator cannot run here; STORAGE_SIM names a
+    // native one to serve its tests instead.
+    static const std::string path = [] {
+        const char* chosen = std::getenv("STORAGE_SIM");
+        return std::string(
+            chosen != nullptr && *chosen != '\0' ? chosen : STORAGE_SIM_PATH);
+    }();
     return path;
 }
 
