@@ -1299,6 +1299,19 @@ void CollectionRun::addNvmeDrive()
     ++nvmeRecords;
 }
 
+// A failed write does not change the run's result, but a report cut short
+// (a full disk) must not go unexplained.
+void logIfIncomplete(const std::ofstream& stream, const char* report)
+{
+    if (stream.fail())
+    {
+        dlog_printf(logLevel, logModule,
+                    "%s.%d.%s: Writing the %s report failed, the file is "
+                    "incomplete\n",
+                    fileName(), __LINE__, driverName, report);
+    }
+}
+
 void CollectionRun::closeDocuments()
 {
     if (rawStream.is_open())
@@ -1309,11 +1322,13 @@ void CollectionRun::closeDocuments()
         }
         rawStream << "\n}\n}";
         rawStream.close();
+        logIfIncomplete(rawStream, "raw data");
     }
     if (logStream.is_open())
     {
         logStream << "}\n}";
         logStream.close();
+        logIfIncomplete(logStream, "SMART log");
     }
 }
 

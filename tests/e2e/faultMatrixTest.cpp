@@ -500,11 +500,17 @@ TEST_F(FaultMatrix, DiskFullWhileWriting)
     Server server = baseServer();
     server.rawData("SSD", {{"dataLength", 4096}});
     auto outcome = runSeeded(server);
-    // The failed writes go unnoticed: the run reports success.
+    // Write errors leave the run's result alone, but the log says which
+    // report is incomplete.
     EXPECT_EQ(outcome.result.exitCode, 0) << outcome.result.err;
     EXPECT_TRUE(
         logged("5|171|qvDbusCollectSmartData.L: Exit addSmartData: rc:0x0"))
         << logText();
+    EXPECT_TRUE(logged(driverLine(
+        "Writing the raw data report failed, the file is incomplete")))
+        << logText();
+    EXPECT_FALSE(logged(driverLine(
+        "Writing the SMART log report failed, the file is incomplete")));
     const std::string full = rawDocument(countingRows(4096));
     EXPECT_EQ(earlierRaw.size() + outcome.raw.size(), 4096u);
     EXPECT_EQ(outcome.raw, full.substr(0, outcome.raw.size()));
