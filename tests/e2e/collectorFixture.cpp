@@ -89,6 +89,12 @@ RunResult CollectorTest::run(const Server& server,
             {
                 EXPECT_EQ(malformation(testsupport::readFile(entry.path())), "")
                     << entry.path();
+                // The report reader must take every report the collector
+                // writes.
+                auto reader =
+                    testsupport::runProgram({QV_SMART_REPORT_PATH, "--format",
+                                             "json", entry.path().string()});
+                EXPECT_EQ(reader.exitCode, 0) << entry.path() << reader.err;
             }
         }
     }
