@@ -1,4 +1,5 @@
 #include "privateBus.hpp"
+#include "qvDbusCollectCommon.hpp"
 
 #include <gtest/gtest.h>
 #include <systemd/sd-bus.h>
@@ -34,22 +35,6 @@ using sdbusplus::exception::SdBusError;
 constexpr const char* serviceName = "com.example.Test";
 constexpr const char* objectPath = "/com/example/test";
 constexpr const char* interfaceName = "com.example.Test";
-
-// The collector's property value type, repeated so that these tests do not
-// depend on the collector.
-using DbusBasicVariant = std::variant<
-    std::string, bool, uint8_t, int16_t, uint16_t, int32_t, uint32_t, int64_t,
-    uint64_t, double, std::vector<std::string>, std::vector<uint8_t>,
-    std::vector<int16_t>, std::vector<uint16_t>, std::vector<int32_t>,
-    std::vector<uint32_t>, std::vector<int64_t>, std::vector<uint64_t>,
-    std::vector<double>, std::tuple<uint8_t, std::string>,
-    std::vector<std::tuple<std::string, std::string>>,
-    std::vector<std::tuple<std::string, std::string, uint32_t>>,
-    std::vector<std::tuple<std::string, uint32_t>>,
-    std::vector<
-        std::tuple<std::string, uint32_t, uint32_t, uint32_t, uint32_t>>,
-    std::tuple<uint8_t, uint8_t, uint8_t, uint8_t>>;
-using DbusPropertyMap = std::map<std::string, DbusBasicVariant>;
 
 // The test service answers Echo with the arguments it was sent, Fail with an
 // error, and never answers anything else. Called from C: nothing may unwind.
