@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -12,6 +13,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -45,6 +47,13 @@ public:
         return fd;
     }
 
+    // Only a pipe or socket can raise SIGPIPE. Standard error may be
+    // redirected behind our back, so it always counts as one.
+    bool mayRaiseSigpipe() const
+    {
+        return canRaiseSigpipe;
+    }
+
 private:
     void reopen(const std::string& wanted)
     {
@@ -62,6 +71,10 @@ private:
         {
             fd = STDERR_FILENO;
         }
+        struct stat status
+        {};
+        canRaiseSigpipe = fd == STDERR_FILENO || ::fstat(fd, &status) != 0 ||
+                          S_ISFIFO(status.st_mode) || S_ISSOCK(status.st_mode);
     }
 
     void closeFile()
@@ -76,6 +89,7 @@ private:
     std::string path;
     bool opened = false;
     int fd = -1;
+    bool canRaiseSigpipe = true;
 };
 
 std::mutex& lock()
@@ -167,9 +181,14 @@ private:
 
 // One write() per record keeps records of concurrent writers whole; only a
 // short write (disk full, interrupted pipe) sends the rest in a second call.
-void writeOut(int fd, const std::string& line)
+// Regular files skip the SIGPIPE guard and its four system calls a record.
+void writeOut(int fd, const std::string& line, bool guardSigpipe)
 {
-    SigpipeGuard guard;
+    std::optional<SigpipeGuard> guard;
+    if (guardSigpipe)
+    {
+        guard.emplace();
+    }
     std::size_t done = 0;
     while (done < line.size())
     {
@@ -196,7 +215,8 @@ void deliver(Record record)
         activeCapture->captured.push_back(std::move(record));
         return;
     }
-    writeOut(sink().descriptor(), recordLine(record));
+    const int fd = sink().descriptor();
+    writeOut(fd, recordLine(record), sink().mayRaiseSigpipe());
 }
 
 Capture::Capture()

@@ -9,9 +9,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <istream>
 #include <optional>
 #include <stdexcept>
+#include <streambuf>
 #include <unordered_map>
+#include <vector>
 
 namespace
 {
@@ -152,52 +155,52 @@ private:
                     std::string("cannot read: ") + std::strerror(error));
 }
 
-// Read with plain read(2) so that a directory or an I/O error is reported as
-// unreadable instead of looking like an empty file.
-std::string readFile(const std::string& path)
+// Feeds the parser straight from the file with plain read(2), so the text
+// is never held whole and a directory or an I/O error is reported as
+// unreadable instead of looking like a short file.
+class FileBuffer : public std::streambuf
 {
-    const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (file.get() < 0)
+public:
+    explicit FileBuffer(const std::string& path) :
+        file(::open(path.c_str(), O_RDONLY | O_CLOEXEC))
     {
-        failUnreadable(errno);
-    }
-    std::string text;
-    std::array<char, 65536> chunk{};
-    for (;;)
-    {
-        const ssize_t n = ::read(file.get(), chunk.data(), chunk.size());
-        if (n == 0)
-        {
-            return text;
-        }
-        if (n < 0 && errno != EINTR)
+        if (file.get() < 0)
         {
             failUnreadable(errno);
         }
-        if (n > 0)
+    }
+
+    // Throws when a read failed: the parser then only saw a short text.
+    void checkRead() const
+    {
+        if (readError != 0)
         {
-            text.append(chunk.data(), static_cast<std::size_t>(n));
+            failUnreadable(readError);
         }
     }
-}
 
-Json parseDocument(const std::string& text)
-{
-    Json document;
-    try
+protected:
+    int_type underflow() override
     {
-        document = Json::parse(text);
+        ssize_t n = 0;
+        do
+        {
+            n = ::read(file.get(), chunk.data(), chunk.size());
+        } while (n < 0 && errno == EINTR);
+        if (n <= 0)
+        {
+            readError = n < 0 ? errno : 0;
+            return traits_type::eof();
+        }
+        setg(chunk.data(), chunk.data(), chunk.data() + n);
+        return traits_type::to_int_type(chunk.front());
     }
-    catch (const Json::parse_error& e)
-    {
-        throw LoadError(LoadStatus::malformed, e.what());
-    }
-    if (!document.is_object())
-    {
-        throw LoadError(LoadStatus::malformed, "top level is not an object");
-    }
-    return document;
-}
+
+private:
+    FileDescriptor file;
+    std::array<char, 16384> chunk{};
+    int readError = 0;
+};
 
 // Values must be JSON integers in 0..2^64-1; the parser stores larger ones
 // as floating point, so they fail here as well.
@@ -333,33 +336,138 @@ std::uint64_t statusOf(const Json& table, const std::string& tableName)
     return unsignedValue(*status, LoadStatus::badTable, tableName + ".status");
 }
 
-// An absent table is an empty one that loaded fine, so a file lists only the
-// tables it needs.
+// Reads one table while the file is parsed: each entry is turned into a
+// record as soon as it is complete and then dropped, and every other table
+// is skipped, so memory holds the records and a single entry, never the
+// document. The table's own members stay in a small skeleton that is
+// checked once the whole file has parsed. Problems are ranked as before the
+// streaming: a syntax error anywhere first, then the table's shape, then the
+// first bad entry. An absent table is an empty one that loaded fine, so a
+// file lists only the tables it needs.
 template <typename Record>
-std::uint64_t parseTable(const Json& document, const std::string& tableName,
-                         std::map<std::string, Record>& out)
+class TableReader
 {
-    const auto table = document.find(tableName);
-    if (table == document.end())
+public:
+    explicit TableReader(std::string tableName) :
+        tableName(std::move(tableName))
+    {}
+
+    std::uint64_t read(const std::string& path,
+                       std::map<std::string, Record>& out)
     {
-        return 0;
-    }
-    const Json& entries = entriesOf(*table, tableName);
-    const std::uint64_t status = statusOf(*table, tableName);
-    for (std::size_t i = 0; i < entries.size(); ++i)
-    {
-        const std::string where = tableName + " entry " + std::to_string(i);
-        auto [key, record] = EntryParser<Record>(where).parse(entries[i]);
-        const auto [slot, added] =
-            out.try_emplace(std::move(key), std::move(record));
-        if (!added)
+        FileBuffer buffer(path);
+        std::istream in(&buffer);
+        Json skeleton;
+        try
         {
-            throw LoadError(LoadStatus::badKey,
-                            where + ": duplicate key \"" + slot->first + "\"");
+            skeleton = Json::parse(
+                in, [this](int depth, Json::parse_event_t event, Json& parsed) {
+                    return keep(depth, event, parsed);
+                });
+        }
+        catch (const Json::parse_error& e)
+        {
+            buffer.checkRead();
+            throw LoadError(LoadStatus::malformed, e.what());
+        }
+        buffer.checkRead();
+        if (!skeleton.is_object())
+        {
+            throw LoadError(LoadStatus::malformed,
+                            "top level is not an object");
+        }
+        const auto table = skeleton.find(tableName);
+        if (table == skeleton.end())
+        {
+            return 0;
+        }
+        entriesOf(*table, tableName);
+        const std::uint64_t status = statusOf(*table, tableName);
+        if (firstBadEntry)
+        {
+            throw *firstBadEntry;
+        }
+        out.merge(loaded);
+        return status;
+    }
+
+private:
+    using Event = Json::parse_event_t;
+
+    // The parser's callback: false drops what was just parsed.
+    bool keep(int depth, Event event, Json& parsed)
+    {
+        if (event == Event::object_start || event == Event::array_start)
+        {
+            arrayAt.resize(static_cast<std::size_t>(depth) + 1);
+            arrayAt.back() = event == Event::array_start;
+        }
+        if (depth == 1 && event == Event::key)
+        {
+            inTable = parsed == tableName;
+            if (inTable)
+            {
+                // A repeated member replaces the earlier one, as in a DOM.
+                restart();
+            }
+            return inTable;
+        }
+        if (depth == 2 && event == Event::key)
+        {
+            inEntries = parsed == "entries";
+        }
+        const bool entryDone = event == Event::object_end ||
+                               event == Event::array_end ||
+                               event == Event::value;
+        if (depth == 3 && entryDone && inTable && inEntries && arrayAt[2])
+        {
+            takeEntry(parsed);
+            return false;
+        }
+        return true;
+    }
+
+    void takeEntry(const Json& entry)
+    {
+        const std::string where =
+            tableName + " entry " + std::to_string(entryCount++);
+        if (firstBadEntry)
+        {
+            return;
+        }
+        try
+        {
+            auto [key, record] = EntryParser<Record>(where).parse(entry);
+            const auto [slot, added] =
+                loaded.try_emplace(std::move(key), std::move(record));
+            if (!added)
+            {
+                throw LoadError(LoadStatus::badKey, where +
+                                                        ": duplicate key \"" +
+                                                        slot->first + "\"");
+            }
+        }
+        catch (const LoadError& e)
+        {
+            firstBadEntry = e;
         }
     }
-    return status;
-}
+
+    void restart()
+    {
+        loaded.clear();
+        firstBadEntry.reset();
+        entryCount = 0;
+    }
+
+    std::string tableName;
+    std::vector<bool> arrayAt; // per depth: the open container is an array
+    bool inTable = false;
+    bool inEntries = false;
+    std::size_t entryCount = 0;
+    std::map<std::string, Record> loaded;
+    std::optional<LoadError> firstBadEntry;
+};
 
 void report(const std::string& path, const char* reason) noexcept
 {
@@ -390,11 +498,7 @@ std::uint64_t loadTable(const char* tableName,
                             std::string(tablesVariable) + " is not set");
         }
         path = env;
-        const Json document = parseDocument(readFile(path));
-        std::map<std::string, Record> loaded;
-        const std::uint64_t status = parseTable(document, tableName, loaded);
-        map.merge(loaded);
-        return status;
+        return TableReader<Record>(tableName).read(path, map);
     }
     catch (const LoadError& e)
     {

@@ -220,7 +220,12 @@ void hexdump(const uint8_t* buffer, int length, std::ofstream& stream)
     {
         return;
     }
-    std::cerr << "Buf len is [" << length << "]\n" << std::flush;
+    // One write per line: standard error is unbuffered.
+    const std::string lengthLine =
+        "Buf len is [" + std::to_string(length) + "]\n";
+    std::cerr.write(lengthLine.data(),
+                    static_cast<std::streamsize>(lengthLine.size()));
+    std::cerr.flush();
 
     // Once something is dumped the stream stays in lowercase hexadecimal
     // with fill '0'; numbers written to it later (log page codes) depend on

@@ -134,6 +134,10 @@ TEST(SmartTables, StatusComesBackWithOrderedEntries)
          3, Keys{"", "K1", "k1", "k10", "k2"}},
         {R"({"nvme": {"status": 18446744073709551615}})", maxValue, Keys{}},
         {R"({"sasSata": {"status": 5}, "objects": [1, null]})", 0, Keys{}},
+        // A repeated table replaces the earlier one, entries and all.
+        {R"({"nvme": {"status": 1, "entries": [{"key": "old"}]},
+             "nvme": {"status": 2, "entries": [{"key": "new"}]}})",
+         2, Keys{"new"}},
     };
     for (const auto& [tables, status, keys] : cases)
     {
@@ -158,6 +162,9 @@ TEST(SmartTables, BadFilesLeaveTheMapEmpty)
     const std::vector<std::pair<const char*, LoadStatus>> cases{
         {nullptr, LoadStatus::unreadable},
         {R"({"sasSata": )", LoadStatus::malformed},
+        // A syntax error outranks an earlier bad entry or table shape.
+        {R"({"sasSata": {"entries": [{"key": 1}]}, "nvme": {"x": 1}, [})",
+         LoadStatus::malformed},
         {"[]", LoadStatus::malformed},
         {R"({"sasSata": [], "nvme": {"entrys": []}})", LoadStatus::badTable},
         {R"({"sasSata": {"status": -1}, "nvme": {"entries": {}}})",
@@ -179,6 +186,9 @@ TEST(SmartTables, BadFilesLeaveTheMapEmpty)
         useTables(content);
         expectRejected(status);
     }
+    // A directory opens fine but cannot be read.
+    ::setenv("PLATFORM_SMART_TABLES", "/", 1);
+    expectRejected(LoadStatus::unreadable);
     ::unsetenv("PLATFORM_SMART_TABLES");
     expectRejected(LoadStatus::unset);
 }

@@ -6,12 +6,14 @@
 #include <signal.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <stdexcept>
 #include <thread>
 
@@ -134,8 +136,10 @@ bool enterJail(const Jail& jail)
     return chroot(jail.root.c_str()) == 0 && chdir("/") == 0;
 }
 
+// `startFd`, when given, receives the CLOCK_MONOTONIC time just before the
+// program is executed.
 [[noreturn]] void execChild(char* const* argv, char* const* envp, int outFd,
-                            int errFd, const Jail* jail)
+                            int errFd, const Jail* jail, int startFd)
 {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (jail != nullptr && !enterJail(*jail))
@@ -150,12 +154,21 @@ bool enterJail(const Jail& jail)
     {
         dup2(errFd, STDERR_FILENO);
     }
+    if (startFd >= 0)
+    {
+        timespec now{};
+        clock_gettime(CLOCK_MONOTONIC, &now);
+        if (write(startFd, &now, sizeof(now)) != sizeof(now))
+        {
+            _exit(126);
+        }
+    }
     execve(argv[0], argv, envp);
     _exit(127);
 }
 
 pid_t spawn(const std::vector<std::string>& argv, const EnvChanges& env,
-            int outFd, int errFd, const Jail* jail = nullptr)
+            int outFd, int errFd, const Jail* jail = nullptr, int startFd = -1)
 {
     if (argv.empty())
     {
@@ -171,7 +184,7 @@ pid_t spawn(const std::vector<std::string>& argv, const EnvChanges& env,
     }
     if (pid == 0)
     {
-        execChild(args.data(), envp.data(), outFd, errFd, jail);
+        execChild(args.data(), envp.data(), outFd, errFd, jail, startFd);
     }
     return pid;
 }
@@ -347,6 +360,67 @@ RunResult runProgram(const std::vector<std::string>& argv,
     {
         result.termSignal = WTERMSIG(status);
     }
+    return result;
+}
+
+namespace
+{
+
+std::chrono::nanoseconds sinceEpoch(const timespec& time)
+{
+    return std::chrono::seconds(time.tv_sec) +
+           std::chrono::nanoseconds(time.tv_nsec);
+}
+
+std::chrono::microseconds toMicroseconds(const timeval& time)
+{
+    return std::chrono::seconds(time.tv_sec) +
+           std::chrono::microseconds(time.tv_usec);
+}
+
+} // namespace
+
+Measurement measureProgram(const std::vector<std::string>& argv,
+                           const EnvChanges& env, const std::string& errorFile,
+                           const Jail* jail)
+{
+    Pipe start;
+    int outFd = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    int errFd =
+        open(errorFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (outFd < 0 || errFd < 0)
+    {
+        throw std::runtime_error("cannot open " + errorFile + ": " +
+                                 std::strerror(errno));
+    }
+    pid_t pid = spawn(argv, env, outFd, errFd, jail, start.writeEnd);
+    close(outFd);
+    close(errFd);
+    start.closeWrite();
+
+    timespec started{};
+    ssize_t got = 0;
+    do
+    {
+        got = read(start.readEnd, &started, sizeof(started));
+    } while (got < 0 && errno == EINTR);
+    int status = 0;
+    rusage usage{};
+    while (wait4(pid, &status, 0, &usage) < 0 && errno == EINTR)
+    {}
+    timespec ended{};
+    clock_gettime(CLOCK_MONOTONIC, &ended);
+
+    Measurement result;
+    if (got == sizeof(started))
+    {
+        result.wallTime = sinceEpoch(ended) - sinceEpoch(started);
+    }
+    result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    result.termSignal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
+    result.cpuTime =
+        toMicroseconds(usage.ru_utime) + toMicroseconds(usage.ru_stime);
+    result.peakRssKiB = usage.ru_maxrss;
     return result;
 }
 

@@ -74,4 +74,26 @@ runProgram(const std::vector<std::string>& argv, const EnvChanges& env = {},
            std::chrono::milliseconds timeout = std::chrono::seconds(60),
            const Jail* jail = nullptr);
 
+// What one finished run cost, for benchmarks.
+struct Measurement
+{
+    int exitCode = -1; // -1 when the program was killed by a signal
+    int termSignal = 0;
+    // From the moment the program is executed (after any jail is set up)
+    // until it has been reaped.
+    std::chrono::nanoseconds wallTime{0};
+    std::chrono::microseconds cpuTime{0}; // user and system, its children's too
+    long peakRssKiB = 0; // the largest of the program and its children
+};
+
+// Runs a program to its end with its output streams sent to `errorFile`
+// (standard error) and /dev/null (standard output) and measures it. Waits
+// without a timeout: a benchmark that hangs is to be seen, not hidden.
+// The child is forked from this process, whose anonymous memory it shares
+// until it executes the program: keep the caller small, or its size shows
+// up in `peakRssKiB`.
+Measurement measureProgram(const std::vector<std::string>& argv,
+                           const EnvChanges& env, const std::string& errorFile,
+                           const Jail* jail = nullptr);
+
 } // namespace testsupport

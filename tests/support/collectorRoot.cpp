@@ -164,10 +164,10 @@ void CollectorRoot::write(const std::string& inside,
     std::ofstream(hostPath(inside), std::ios::binary) << content;
 }
 
-RunResult CollectorRoot::run(const std::vector<std::string>& args,
-                             const PrivateBus& bus,
-                             const std::string& tablesFile,
-                             const EnvChanges& extra) const
+CollectorRoot::Command
+CollectorRoot::prepare(const std::vector<std::string>& args,
+                       const PrivateBus& bus, const std::string& tablesFile,
+                       const EnvChanges& extra) const
 {
     fs::copy_file(tablesFile, hostPath("/tables.json"),
                   fs::copy_options::overwrite_existing);
@@ -181,7 +181,17 @@ RunResult CollectorRoot::run(const std::vector<std::string>& args,
     std::vector<std::string> argv = wrapperWords();
     argv.push_back(collectorPath());
     argv.insert(argv.end(), args.begin(), args.end());
-    return runProgram(argv, env, std::chrono::seconds(120), &jail);
+    return {std::move(argv), std::move(env)};
+}
+
+RunResult CollectorRoot::run(const std::vector<std::string>& args,
+                             const PrivateBus& bus,
+                             const std::string& tablesFile,
+                             const EnvChanges& extra) const
+{
+    auto command = prepare(args, bus, tablesFile, extra);
+    return runProgram(command.argv, command.env, std::chrono::seconds(120),
+                      &jail);
 }
 
 } // namespace testsupport

@@ -47,6 +47,26 @@ public:
                   const std::string& tablesFile,
                   const EnvChanges& extra = {}) const;
 
+    // How `run` starts the collector, for callers that start it themselves
+    // (benchmarks): the command line, its environment and the jail.
+    struct Command
+    {
+        std::vector<std::string> argv;
+        EnvChanges env;
+    };
+    Command prepare(const std::vector<std::string>& args, const PrivateBus& bus,
+                    const std::string& tablesFile,
+                    const EnvChanges& extra = {}) const;
+    const Jail& confinement() const
+    {
+        return jail;
+    }
+    // Makes a host directory visible at the same path inside the root.
+    void expose(const std::string& hostDir)
+    {
+        addBind(hostDir);
+    }
+
     // The diagnostic log written so far.
     std::string log() const
     {

@@ -1,0 +1,208 @@
+#include "benchReport.hpp"
+
+#include <algorithm>
+#include <cstdio>
+#include <functional>
+
+namespace bench
+{
+namespace
+{
+
+using testsupport::Measurement;
+
+double median(std::vector<double> values)
+{
+    if (values.empty())
+    {
+        return 0;
+    }
+    std::sort(values.begin(), values.end());
+    size_t middle = values.size() / 2;
+    return values.size() % 2 == 1 ? values[middle]
+                                  : (values[middle - 1] + values[middle]) / 2;
+}
+
+double medianOf(const std::vector<Measurement>& runs,
+                const std::function<double(const Measurement&)>& value)
+{
+    std::vector<double> values;
+    for (const auto& run : runs)
+    {
+        values.push_back(value(run));
+    }
+    return median(values);
+}
+
+std::string format(const char* pattern, double value)
+{
+    char text[64];
+    std::snprintf(text, sizeof(text), pattern, value);
+    return text;
+}
+
+std::string row(const std::vector<std::string>& cells)
+{
+    std::string line = "|";
+    for (const auto& cell : cells)
+    {
+        line += " " + cell + " |";
+    }
+    return line + "\n";
+}
+
+std::string separator(size_t columns)
+{
+    std::string line = "|";
+    for (size_t i = 0; i < columns; ++i)
+    {
+        line += "---:|";
+    }
+    return line + "\n";
+}
+
+std::string timeTable(const std::vector<SizeResult>& results)
+{
+    std::vector<std::string> head = {"drives",
+                                     "round trips",
+                                     "floor ms",
+                                     "collector ms",
+                                     "collector / floor",
+                                     "busctl script ms",
+                                     "busctl / collector",
+                                     "collector µs per round trip"};
+    std::string table = row(head) + separator(head.size());
+    for (const auto& r : results)
+    {
+        double floorMs = medianWallMs(r.floor);
+        double collectorMs = medianWallMs(r.collector);
+        double busctlMs = medianWallMs(r.busctl);
+        table += row({std::to_string(r.drives), std::to_string(r.roundTrips),
+                      format("%.2f", floorMs), format("%.2f", collectorMs),
+                      format("%.3f", collectorMs / floorMs),
+                      format("%.0f", busctlMs),
+                      format("%.1f", busctlMs / collectorMs),
+                      format("%.1f", collectorMs * 1000 /
+                                         static_cast<double>(r.roundTrips))});
+    }
+    return table;
+}
+
+std::string memoryTable(const std::vector<SizeResult>& results)
+{
+    std::vector<std::string> head = {"drives",
+                                     "/bin/true peak KiB",
+                                     "floor peak KiB",
+                                     "collector peak KiB",
+                                     "collector / floor",
+                                     "floor CPU ms",
+                                     "collector CPU ms",
+                                     "report bytes"};
+    std::string table = row(head) + separator(head.size());
+    for (const auto& r : results)
+    {
+        long floorKiB = peakRssKiB(r.floor);
+        long collectorKiB = peakRssKiB(r.collector);
+        table += row({std::to_string(r.drives),
+                      std::to_string(peakRssKiB(r.baseline)),
+                      std::to_string(floorKiB), std::to_string(collectorKiB),
+                      format("%.3f", static_cast<double>(collectorKiB) /
+                                         static_cast<double>(floorKiB)),
+                      format("%.1f", medianCpuMs(r.floor)),
+                      format("%.1f", medianCpuMs(r.collector)),
+                      std::to_string(r.reportBytes)});
+    }
+    return table;
+}
+
+// Milliseconds per extra round trip from one size to the next.
+double slope(const SizeResult& from, const SizeResult& to)
+{
+    return (medianWallMs(to.collector) - medianWallMs(from.collector)) /
+           (static_cast<double>(to.roundTrips) -
+            static_cast<double>(from.roundTrips));
+}
+
+void verdict(Verdicts& verdicts, bool met, const std::string& what)
+{
+    verdicts.allMet = verdicts.allMet && met;
+    verdicts.text += std::string(met ? "met:    " : "MISSED: ") + what + "\n";
+}
+
+} // namespace
+
+double medianWallMs(const std::vector<Measurement>& runs)
+{
+    return medianOf(runs, [](const Measurement& run) {
+        return std::chrono::duration<double, std::milli>(run.wallTime).count();
+    });
+}
+
+long peakRssKiB(const std::vector<Measurement>& runs)
+{
+    long peak = 0;
+    for (const auto& run : runs)
+    {
+        peak = std::max(peak, run.peakRssKiB);
+    }
+    return peak;
+}
+
+double medianCpuMs(const std::vector<Measurement>& runs)
+{
+    return medianOf(runs, [](const Measurement& run) {
+        return std::chrono::duration<double, std::milli>(run.cpuTime).count();
+    });
+}
+
+std::string resultTable(const std::vector<SizeResult>& results)
+{
+    return "Wall time (median):\n\n" + timeTable(results) +
+           "\nMemory and CPU (peak RSS: largest of all runs; CPU: "
+           "median):\n\n" +
+           memoryTable(results);
+}
+
+Verdicts checkTargets(const std::vector<SizeResult>& results)
+{
+    Verdicts verdicts;
+    for (const auto& r : results)
+    {
+        double floorKiB = static_cast<double>(peakRssKiB(r.floor));
+        double ratio = static_cast<double>(peakRssKiB(r.collector)) / floorKiB;
+        verdict(verdicts, ratio <= 1.2,
+                format("peak RSS %.3f x the floor's", ratio) + " at " +
+                    std::to_string(r.drives) + " drives (at most 1.2)");
+        if (r.drives == 256)
+        {
+            double wall = medianWallMs(r.collector) / medianWallMs(r.floor);
+            verdict(verdicts, wall <= 1.25,
+                    format("wall time %.3f x the floor's", wall) +
+                        " at 256 drives (at most 1.25)");
+        }
+    }
+    if (results.size() >= 2)
+    {
+        long growth = peakRssKiB(results.back().collector) -
+                      peakRssKiB(results.front().collector);
+        verdict(verdicts, growth < 1024,
+                "peak RSS grows by " + std::to_string(growth) + " KiB from " +
+                    std::to_string(results.front().drives) + " to " +
+                    std::to_string(results.back().drives) +
+                    " drives (less than 1024)");
+    }
+    if (results.size() >= 3)
+    {
+        size_t last = results.size() - 1;
+        double first = slope(results[0], results[1]);
+        double final = slope(results[last - 1], results[last]);
+        verdict(verdicts, final <= 1.25 * first,
+                format("%.1f µs", final * 1000) +
+                    " per extra round trip between the two largest sizes, " +
+                    format("%.1f µs", first * 1000) +
+                    " between the two smallest (at most 1.25 x)");
+    }
+    return verdicts;
+}
+
+} // namespace bench

@@ -1,0 +1,46 @@
+#pragma once
+
+#include "childProcess.hpp"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace bench
+{
+
+// Everything measured for one server size.
+struct SizeResult
+{
+    int drives = 0;
+    size_t roundTrips = 0;
+    std::vector<testsupport::Measurement> baseline; // /bin/true, same launch
+    std::vector<testsupport::Measurement> floor;
+    std::vector<testsupport::Measurement> collector;
+    std::vector<testsupport::Measurement> busctl;
+    std::uintmax_t reportBytes = 0; // both reports of one collector run
+};
+
+// Median wall time in milliseconds, largest peak RSS in KiB, median CPU
+// time in milliseconds.
+double medianWallMs(const std::vector<testsupport::Measurement>& runs);
+long peakRssKiB(const std::vector<testsupport::Measurement>& runs);
+double medianCpuMs(const std::vector<testsupport::Measurement>& runs);
+
+// Markdown tables of the results, sizes in the order given.
+std::string resultTable(const std::vector<SizeResult>& results);
+
+struct Verdicts
+{
+    bool allMet = true;
+    std::string text; // one line per target
+};
+
+// The targets: wall time at most 1.25 times the floor's at 256 drives; peak
+// RSS at most 1.2 times the floor's at every size and growing by less than
+// 1 MiB from the smallest size to the largest; time per extra round trip
+// between the two largest sizes at most 1.25 times that between the two
+// smallest (no worse than linear).
+Verdicts checkTargets(const std::vector<SizeResult>& results);
+
+} // namespace bench
