@@ -2,9 +2,13 @@
 
 #include "dlog.hpp"
 
+#include <systemd/sd-bus.h>
+
 #include <sdbusplus/exception.hpp>
 #include <sdbusplus/message.hpp>
 
+#include <cerrno>
+#include <set>
 #include <string_view>
 
 std::list<std::string> driveObjPaths;
@@ -121,6 +125,76 @@ sdbusplus::bus_t& getDefaultBus()
     return bus;
 }
 
+namespace
+{
+
+void check(int r, const char* function)
+{
+    if (r < 0)
+    {
+        throw sdbusplus::exception::SdBusError(-r, function);
+    }
+}
+
+// sd-bus answers 0 for a typed read that does not match; that is an error
+// here, as it is for the binding's own readers.
+void checkRead(int r, const char* function)
+{
+    check(r, function);
+    if (r == 0)
+    {
+        throw sdbusplus::exception::SdBusError(ENXIO, function);
+    }
+}
+
+// The object paths of a whole GetSubTree reply, in the order and with the
+// duplicates resolved as a DbusSubTree holds them. Only the paths are kept:
+// the services and interfaces that the caller drops would cost a large
+// inventory several hundred KiB. A reply of another signature fails at the
+// first step, as reading it into a DbusSubTree does.
+std::set<std::string> readSubTreePaths(sdbusplus::message_t& reply)
+{
+    sd_bus_message* m = reply.get();
+    std::set<std::string> paths;
+    checkRead(sd_bus_message_enter_container(m, 'a', "{sa{sas}}"),
+              "sd_bus_message_enter_container");
+    for (;;)
+    {
+        const int atEnd = sd_bus_message_at_end(m, false);
+        check(atEnd, "sd_bus_message_at_end");
+        if (atEnd > 0)
+        {
+            break;
+        }
+        checkRead(sd_bus_message_enter_container(m, 'e', "sa{sas}"),
+                  "sd_bus_message_enter_container");
+        const char* path = nullptr;
+        checkRead(sd_bus_message_read_basic(m, 's', &path),
+                  "sd_bus_message_read_basic");
+        checkRead(sd_bus_message_skip(m, "a{sas}"), "sd_bus_message_skip");
+        check(sd_bus_message_exit_container(m),
+              "sd_bus_message_exit_container");
+        paths.emplace(path);
+    }
+    check(sd_bus_message_exit_container(m), "sd_bus_message_exit_container");
+    return paths;
+}
+
+// Asks the mapper; the call and reply messages are released on return.
+std::set<std::string>
+querySubTreePaths(const std::string& path, int32_t depth,
+                  const std::list<std::string>& interfaces)
+{
+    auto& bus = getDefaultBus();
+    auto method = bus.new_method_call(mapperService, mapperPath,
+                                      mapperInterface, "GetSubTree");
+    method.append(path, depth, interfaces);
+    auto reply = bus.call(method, 0);
+    return readSubTreePaths(reply);
+}
+
+} // namespace
+
 std::list<std::string>
 GetObjectsSubTree(const std::string& path, int32_t depth,
                   const std::list<std::string>& interfaces)
@@ -128,23 +202,18 @@ GetObjectsSubTree(const std::string& path, int32_t depth,
     std::list<std::string> objectPaths;
     try
     {
-        auto& bus = getDefaultBus();
-        auto method = bus.new_method_call(mapperService, mapperPath,
-                                          mapperInterface, "GetSubTree");
-        method.append(path, depth, interfaces);
-        auto reply = bus.call(method, 0);
-
-        DbusSubTree subTree;
-        reply.read(subTree);
+        auto subTree = querySubTreePaths(path, depth, interfaces);
         dlog_printf(logLevel, logModule,
                     "%s.%d.%s: %s: No. of objects found = %d\n", fileName(),
                     __LINE__, __func__, __func__,
                     static_cast<int>(subTree.size()));
-        for (const auto& entry : subTree)
+        while (!subTree.empty())
         {
-            objectPaths.push_back(entry.first);
+            objectPaths.push_back(
+                std::move(subTree.extract(subTree.begin()).value()));
             dlog_printf(logLevel, logModule, "%s.%d.%s: [%s] %s\n", fileName(),
-                        __LINE__, __func__, __func__, entry.first.c_str());
+                        __LINE__, __func__, __func__,
+                        objectPaths.back().c_str());
         }
     }
     catch (const std::exception& e)

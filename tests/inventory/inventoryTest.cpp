@@ -9,6 +9,7 @@
 #include <memory>
 #include <regex>
 #include <sstream>
+#include <tuple>
 #include <variant>
 
 namespace
@@ -144,6 +145,37 @@ TEST_F(InventoryTest, SubTreeIsSortedByteWiseAndLogged)
         "9|172|qvDbusCollectCommon.L.GetObjectsSubTree: [GetObjectsSubTree] "
         "/com/kest/omrix/storage/drive/2\n"};
     EXPECT_EQ(logLines(capture), expectedLog);
+}
+
+// The reply is read whole before any path is taken: a reply of another
+// shape gives no path at all, fields after it are ignored, and a path the
+// reply lists twice counts once.
+TEST_F(InventoryTest, SubTreeReplyShapes)
+{
+    const std::string mapperPrefix =
+        "9|172|qvDbusCollectCommon.L.GetObjectsSubTree: ";
+    const std::vector<std::tuple<std::string, std::string, size_t>> cases{
+        {R"({"signature": "a{ss}", "values": [{"/a": "s"}]})",
+         "ERROR:sd_bus_message_enter_container: ", 0},
+        {R"({"signature": "a{sa{ss}}", "values": [{"/a": {"s": "i"}}]})",
+         "ERROR:sd_bus_message_enter_container: ", 0},
+        {R"({"signature": "", "values": []})",
+         "ERROR:sd_bus_message_enter_container: ", 0},
+        {R"({"signature": "a{sa{sas}}s",
+             "values": [[["/b", {"s": ["i"]}], ["/a", {}], ["/b", {}]], "x"]})",
+         "GetObjectsSubTree: No. of objects found = 2\n", 2},
+    };
+    for (const auto& [reply, firstLine, paths] : cases)
+    {
+        SCOPED_TRACE(reply);
+        serve(R"({"mapper": {"reply": )" + reply + "}}");
+        dlog::Capture capture;
+        auto found = GetObjectsSubTree("/", 0, {});
+        EXPECT_EQ(found.size(), paths);
+        auto lines = logLines(capture);
+        ASSERT_FALSE(lines.empty());
+        EXPECT_EQ(lines[0].rfind(mapperPrefix + firstLine, 0), 0u) << lines[0];
+    }
 }
 
 TEST_F(InventoryTest, CountPerKind)
