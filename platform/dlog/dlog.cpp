@@ -112,17 +112,24 @@ std::string formatMessage(const char* format, va_list args)
     {
         return {};
     }
-    va_list sizing;
-    va_copy(sizing, args);
-    const int length = std::vsnprintf(nullptr, 0, format, sizing);
-    va_end(sizing);
+    // Most records fit the first buffer; only longer ones are formatted
+    // a second time.
+    va_list retry;
+    va_copy(retry, args);
+    std::string text(256, '\0');
+    const int length = std::vsnprintf(text.data(), text.size(), format, args);
     if (length <= 0)
     {
+        va_end(retry);
         return {};
     }
-    std::string text(static_cast<std::size_t>(length) + 1, '\0');
-    std::vsnprintf(text.data(), text.size(), format, args);
-    text.pop_back();
+    if (static_cast<std::size_t>(length) >= text.size())
+    {
+        text.resize(static_cast<std::size_t>(length) + 1);
+        std::vsnprintf(text.data(), text.size(), format, retry);
+    }
+    va_end(retry);
+    text.resize(static_cast<std::size_t>(length));
     return text;
 }
 

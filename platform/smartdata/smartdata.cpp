@@ -336,101 +336,39 @@ std::uint64_t statusOf(const Json& table, const std::string& tableName)
     return unsignedValue(*status, LoadStatus::badTable, tableName + ".status");
 }
 
-// Reads one table while the file is parsed: each entry is turned into a
-// record as soon as it is complete and then dropped, and every other table
-// is skipped, so memory holds the records and a single entry, never the
-// document. The table's own members stay in a small skeleton that is
-// checked once the whole file has parsed. Problems are ranked as before the
-// streaming: a syntax error anywhere first, then the table's shape, then the
-// first bad entry. An absent table is an empty one that loaded fine, so a
-// file lists only the tables it needs.
+// What loading one table gave: its status and records, or why it failed.
 template <typename Record>
-class TableReader
+struct TableOutcome
+{
+    std::uint64_t status = 0;
+    std::optional<LoadError> error;
+    std::map<std::string, Record> records;
+};
+
+// One table's entries as the file streams past: each entry becomes a record
+// as soon as it is complete and is then dropped, so memory holds records
+// and a single entry, never the document.
+template <typename Record>
+class TableCollector
 {
 public:
-    explicit TableReader(std::string tableName) :
-        tableName(std::move(tableName))
+    explicit TableCollector(const char* name) : name(name)
     {}
 
-    std::uint64_t read(const std::string& path,
-                       std::map<std::string, Record>& out)
+    const std::string name;
+
+    // A repeated member replaces the earlier one, as in a DOM.
+    void restart()
     {
-        FileBuffer buffer(path);
-        std::istream in(&buffer);
-        Json skeleton;
-        try
-        {
-            skeleton = Json::parse(
-                in, [this](int depth, Json::parse_event_t event, Json& parsed) {
-                    return keep(depth, event, parsed);
-                });
-        }
-        catch (const Json::parse_error& e)
-        {
-            buffer.checkRead();
-            throw LoadError(LoadStatus::malformed, e.what());
-        }
-        buffer.checkRead();
-        if (!skeleton.is_object())
-        {
-            throw LoadError(LoadStatus::malformed,
-                            "top level is not an object");
-        }
-        const auto table = skeleton.find(tableName);
-        if (table == skeleton.end())
-        {
-            return 0;
-        }
-        entriesOf(*table, tableName);
-        const std::uint64_t status = statusOf(*table, tableName);
-        if (firstBadEntry)
-        {
-            throw *firstBadEntry;
-        }
-        out.merge(loaded);
-        return status;
+        loaded.clear();
+        firstBadEntry.reset();
+        entryCount = 0;
     }
 
-private:
-    using Event = Json::parse_event_t;
-
-    // The parser's callback: false drops what was just parsed.
-    bool keep(int depth, Event event, Json& parsed)
-    {
-        if (event == Event::object_start || event == Event::array_start)
-        {
-            arrayAt.resize(static_cast<std::size_t>(depth) + 1);
-            arrayAt.back() = event == Event::array_start;
-        }
-        if (depth == 1 && event == Event::key)
-        {
-            inTable = parsed == tableName;
-            if (inTable)
-            {
-                // A repeated member replaces the earlier one, as in a DOM.
-                restart();
-            }
-            return inTable;
-        }
-        if (depth == 2 && event == Event::key)
-        {
-            inEntries = parsed == "entries";
-        }
-        const bool entryDone = event == Event::object_end ||
-                               event == Event::array_end ||
-                               event == Event::value;
-        if (depth == 3 && entryDone && inTable && inEntries && arrayAt[2])
-        {
-            takeEntry(parsed);
-            return false;
-        }
-        return true;
-    }
-
-    void takeEntry(const Json& entry)
+    void take(const Json& entry)
     {
         const std::string where =
-            tableName + " entry " + std::to_string(entryCount++);
+            name + " entry " + std::to_string(entryCount++);
         if (firstBadEntry)
         {
             return;
@@ -453,21 +391,225 @@ private:
         }
     }
 
-    void restart()
+    // The table's shape is checked before its entries: a bad shape outranks
+    // a bad entry. An absent table is an empty one that loaded fine, so a
+    // file lists only the tables it needs.
+    TableOutcome<Record> finish(const Json& skeleton)
     {
-        loaded.clear();
-        firstBadEntry.reset();
-        entryCount = 0;
+        TableOutcome<Record> outcome;
+        const auto table = skeleton.find(name);
+        if (table == skeleton.end())
+        {
+            return outcome;
+        }
+        try
+        {
+            entriesOf(*table, name);
+            outcome.status = statusOf(*table, name);
+            if (firstBadEntry)
+            {
+                throw *firstBadEntry;
+            }
+            outcome.records = std::move(loaded);
+        }
+        catch (const LoadError& e)
+        {
+            outcome = {0, e, {}};
+        }
+        return outcome;
     }
 
-    std::string tableName;
-    std::vector<bool> arrayAt; // per depth: the open container is an array
-    bool inTable = false;
-    bool inEntries = false;
+private:
     std::size_t entryCount = 0;
     std::map<std::string, Record> loaded;
     std::optional<LoadError> firstBadEntry;
 };
+
+struct BothTables
+{
+    TableOutcome<smartdatasassata_gen> sasSata;
+    TableOutcome<smartdatanvme_gen> nvme;
+};
+
+// Reads both tables in one pass over the file. Only the tables' own members
+// stay in a small skeleton, checked once the whole file has parsed, so a
+// syntax error anywhere outranks everything else.
+class TablesReader
+{
+public:
+    BothTables read(const std::string& path)
+    {
+        try
+        {
+            const Json skeleton = parse(path);
+            return {sasSata.finish(skeleton), nvme.finish(skeleton)};
+        }
+        catch (const LoadError& e)
+        {
+            return {{0, e, {}}, {0, e, {}}};
+        }
+    }
+
+private:
+    using Event = Json::parse_event_t;
+    enum class Table
+    {
+        none,
+        sasSata,
+        nvme
+    };
+
+    Json parse(const std::string& path)
+    {
+        FileBuffer buffer(path);
+        std::istream in(&buffer);
+        Json skeleton;
+        try
+        {
+            skeleton =
+                Json::parse(in, [this](int depth, Event event, Json& parsed) {
+                    return keep(depth, event, parsed);
+                });
+        }
+        catch (const Json::parse_error& e)
+        {
+            buffer.checkRead();
+            throw LoadError(LoadStatus::malformed, e.what());
+        }
+        buffer.checkRead();
+        if (!skeleton.is_object())
+        {
+            throw LoadError(LoadStatus::malformed,
+                            "top level is not an object");
+        }
+        return skeleton;
+    }
+
+    // The parser's callback: false drops what was just parsed.
+    bool keep(int depth, Event event, Json& parsed)
+    {
+        if (event == Event::object_start || event == Event::array_start)
+        {
+            arrayAt.resize(static_cast<std::size_t>(depth) + 1);
+            arrayAt.back() = event == Event::array_start;
+        }
+        if (depth == 1 && event == Event::key)
+        {
+            return enterTable(parsed);
+        }
+        if (depth == 2 && event == Event::key)
+        {
+            inEntries = parsed == "entries";
+        }
+        const bool entryDone = event == Event::object_end ||
+                               event == Event::array_end ||
+                               event == Event::value;
+        if (depth == 3 && entryDone && inEntries && arrayAt[2] &&
+            current != Table::none)
+        {
+            if (current == Table::sasSata)
+            {
+                sasSata.take(parsed);
+            }
+            else
+            {
+                nvme.take(parsed);
+            }
+            return false;
+        }
+        return true;
+    }
+
+    bool enterTable(const Json& key)
+    {
+        current = Table::none;
+        if (key == sasSata.name)
+        {
+            current = Table::sasSata;
+            sasSata.restart();
+        }
+        else if (key == nvme.name)
+        {
+            current = Table::nvme;
+            nvme.restart();
+        }
+        return current != Table::none;
+    }
+
+    TableCollector<smartdatasassata_gen> sasSata{"sasSata"};
+    TableCollector<smartdatanvme_gen> nvme{"nvme"};
+    Table current = Table::none;
+    std::vector<bool> arrayAt; // per depth: the open container is an array
+    bool inEntries = false;
+};
+
+// Which file, by name and content: a rewritten file never matches, even one
+// rewritten within the file system's timestamp granularity.
+struct FileIdentity
+{
+    std::string path;
+    std::uint64_t size = 0;
+    std::uint64_t hash = 0; // FNV-1a over the bytes
+
+    bool operator==(const FileIdentity&) const = default;
+};
+
+FileIdentity identify(const std::string& path)
+{
+    FileIdentity identity{path, 0, 14695981039346656037ULL};
+    FileBuffer buffer(path);
+    for (int c = buffer.sbumpc(); c != std::char_traits<char>::eof();
+         c = buffer.sbumpc())
+    {
+        identity.hash =
+            (identity.hash ^ static_cast<unsigned char>(c)) * 1099511628211ULL;
+        ++identity.size;
+    }
+    buffer.checkRead();
+    return identity;
+}
+
+// The collector asks for both tables, one right after the other. One parse
+// answers both: the table not asked for waits here for its call, as long as
+// the file has not changed.
+struct PendingTables
+{
+    FileIdentity file;
+    std::optional<TableOutcome<smartdatasassata_gen>> sasSata;
+    std::optional<TableOutcome<smartdatanvme_gen>> nvme;
+};
+
+PendingTables pending;
+
+std::optional<TableOutcome<smartdatasassata_gen>>&
+pendingSlot(const smartdatasassata_gen*)
+{
+    return pending.sasSata;
+}
+
+std::optional<TableOutcome<smartdatanvme_gen>>&
+pendingSlot(const smartdatanvme_gen*)
+{
+    return pending.nvme;
+}
+
+template <typename Record>
+TableOutcome<Record> outcomeFor(const std::string& path)
+{
+    FileIdentity file = identify(path);
+    auto& mine = pendingSlot(static_cast<const Record*>(nullptr));
+    if (mine && pending.file == file)
+    {
+        TableOutcome<Record> outcome = std::move(*mine);
+        mine.reset();
+        return outcome;
+    }
+    BothTables both = TablesReader().read(path);
+    pending = {std::move(file), std::move(both.sasSata), std::move(both.nvme)};
+    TableOutcome<Record> outcome = std::move(*mine);
+    mine.reset();
+    return outcome;
+}
 
 void report(const std::string& path, const char* reason) noexcept
 {
@@ -485,8 +627,7 @@ void report(const std::string& path, const char* reason) noexcept
 // standard error. Nothing reaches the caller's map unless the whole table
 // parsed.
 template <typename Record>
-std::uint64_t loadTable(const char* tableName,
-                        std::map<std::string, Record>& map) noexcept
+std::uint64_t loadTable(std::map<std::string, Record>& map) noexcept
 {
     std::string path;
     try
@@ -498,7 +639,13 @@ std::uint64_t loadTable(const char* tableName,
                             std::string(tablesVariable) + " is not set");
         }
         path = env;
-        return TableReader<Record>(tableName).read(path, map);
+        TableOutcome<Record> outcome = outcomeFor<Record>(path);
+        if (outcome.error)
+        {
+            throw *outcome.error;
+        }
+        map.merge(outcome.records);
+        return outcome.status;
     }
     catch (const LoadError& e)
     {
@@ -540,13 +687,13 @@ namespace DataAbstraction
 std::uint64_t
 smartdatasassata::get_map(std::map<std::string, smartdatasassata_gen>& map)
 {
-    return loadTable("sasSata", map);
+    return loadTable(map);
 }
 
 std::uint64_t
 smartdatanvme::get_map(std::map<std::string, smartdatanvme_gen>& map)
 {
-    return loadTable("nvme", map);
+    return loadTable(map);
 }
 
 } // namespace DataAbstraction

@@ -149,6 +149,23 @@ TEST(SmartTables, StatusComesBackWithOrderedEntries)
     }
 }
 
+// One parse serves both tables, but a table is never served from a file
+// that has changed since, even to the same size within one timestamp tick.
+TEST(SmartTables, EachCallSeesTheCurrentFile)
+{
+    std::map<std::string, S> sas;
+    std::map<std::string, N> nvme;
+    useTables(R"({"sasSata": {"status": 1}, "nvme": {"status": 2}})");
+    EXPECT_EQ(sasMap(sas), 1u);
+    useTables(R"({"sasSata": {"status": 3}, "nvme": {"status": 4}})");
+    EXPECT_EQ(nvmeMap(nvme), 4u);
+    EXPECT_EQ(nvmeMap(nvme), 4u);
+    useTables(R"({"sasSata": {"entries": [{"key": "a"}]}, "nvme": {}})");
+    EXPECT_EQ(nvmeMap(nvme), 0u);
+    EXPECT_EQ(sasMap(sas), 0u);
+    EXPECT_EQ(sas.size(), 1u);
+}
+
 // Each case spoils both tables, next to good entries where there are any.
 TEST(SmartTables, BadFilesLeaveTheMapEmpty)
 {

@@ -84,6 +84,19 @@ void skipVariant(sd_bus_message* m)
     checkRead(sd_bus_message_skip(m, "v"), "sd_bus_message_skip");
 }
 
+std::string_view variantContents(sd_bus_message* m)
+{
+    char type = 0;
+    const char* contents = nullptr;
+    int r = sd_bus_message_peek_type(m, &type, &contents);
+    check(r, "sd_bus_message_peek_type");
+    if (r == 0 || type != 'v' || contents == nullptr)
+    {
+        return {};
+    }
+    return contents;
+}
+
 bool atEnd(sd_bus_message* m)
 {
     int r = sd_bus_message_at_end(m, false);

@@ -4,6 +4,7 @@
 
 #include <list>
 #include <map>
+#include <string_view>
 #include <tuple>
 #include <utility>
 #include <variant>
@@ -202,9 +203,12 @@ struct Traits<std::variant<Ts...>>
             value);
     }
 
+    // The held type is looked up once and compared with each alternative's
+    // signature, instead of asking sd-bus about every alternative.
     static void read(sd_bus_message* m, Variant& value)
     {
-        if (!readAlternative<0>(m, value))
+        const std::string_view held = variantContents(m);
+        if (held.empty() || !readAlternative<0>(m, held, value))
         {
             skipVariant(m);
             value = Variant{};
@@ -212,7 +216,8 @@ struct Traits<std::variant<Ts...>>
     }
 
     template <std::size_t I>
-    static bool readAlternative(sd_bus_message* m, Variant& value)
+    static bool readAlternative(sd_bus_message* m, std::string_view held,
+                                Variant& value)
     {
         if constexpr (I == sizeof...(Ts))
         {
@@ -222,9 +227,9 @@ struct Traits<std::variant<Ts...>>
         {
             using Alt = std::variant_alternative_t<I, Variant>;
             const char* altSig = Traits<Alt>::sig.c_str();
-            if (!nextIs(m, 'v', altSig))
+            if (held != altSig)
             {
-                return readAlternative<I + 1>(m, value);
+                return readAlternative<I + 1>(m, held, value);
             }
             Alt held{};
             enterContainer(m, 'v', altSig);

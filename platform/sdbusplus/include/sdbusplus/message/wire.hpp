@@ -3,6 +3,7 @@
 #include <systemd/sd-bus.h>
 
 #include <cstddef>
+#include <string_view>
 #include <utility>
 
 // Thin checked wrappers over the sd-bus message calls. Each throws
@@ -26,6 +27,8 @@ std::pair<const void*, std::size_t> readArray(sd_bus_message* m, char type);
 void enterContainer(sd_bus_message* m, char type, const char* contents);
 void exitContainer(sd_bus_message* m);
 void skipVariant(sd_bus_message* m);
+// The signature a variant up next holds; empty when no variant is next.
+std::string_view variantContents(sd_bus_message* m);
 
 // True when the current container has no further element.
 bool atEnd(sd_bus_message* m);
