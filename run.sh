@@ -4,6 +4,7 @@
 #   ./run.sh test   install what is missing, build, run every test
 #   ./run.sh fuzz [SECONDS]   run each fuzz target longer (default 300 s)
 #   ./run.sh test-aarch64     cross-build for AArch64, run the tests under qemu
+#   ./run.sh bench [RUNS]     the collector against its floor (bench/README.md)
 set -euo pipefail
 
 here=$(cd "$(dirname "$0")" && pwd)
@@ -127,12 +128,26 @@ case "${1:-}" in
         ninja -C "$build"
         exec "$here/tests/aarch64/run-aarch64.sh" "$here/build-aarch64"
         ;;
+    bench)
+        # Not part of `test`: timing belongs here, never in a test.
+        compile > "$here/.bench-build.log" 2>&1 || {
+            cat "$here/.bench-build.log" >&2
+            exit 1
+        }
+        scenarios="$build/bench/scenarios"
+        for drives in 8 64 256 1024; do
+            python3 "$here/bench/make-scenario.py" \
+                "$here/tests/scenarios/demo.json" "$drives" "$scenarios"
+        done
+        exec "$build/bench/qv-bench" --runs "${2:-9}" --busctl-runs 3 \
+            "$scenarios" 8 64 256 1024
+        ;;
     fuzz)
         installPackages
         exec "$here/tests/fuzz/run-fuzz.sh" "${2:-300}"
         ;;
     *)
-        echo "usage: $0 demo|test|test-aarch64|fuzz [SECONDS]" >&2
+        echo "usage: $0 demo|test|test-aarch64|fuzz [SECONDS]|bench [RUNS]" >&2
         exit 64
         ;;
 esac
