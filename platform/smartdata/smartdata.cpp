@@ -14,6 +14,7 @@
 #include <stdexcept>
 #include <streambuf>
 #include <unordered_map>
+#include <variant>
 #include <vector>
 
 namespace
@@ -170,6 +171,19 @@ public:
         }
     }
 
+    // The next stretch of the file, consumed; empty at its end.
+    std::string_view nextChunk()
+    {
+        if (gptr() == egptr() && underflow() == traits_type::eof())
+        {
+            return {};
+        }
+        const std::string_view chunk(
+            gptr(), static_cast<std::size_t>(egptr() - gptr()));
+        setg(eback(), egptr(), egptr());
+        return chunk;
+    }
+
     // Throws when a read failed: the parser then only saw a short text.
     void checkRead() const
     {
@@ -202,16 +216,14 @@ private:
     int readError = 0;
 };
 
-// Values must be JSON integers in 0..2^64-1; the parser stores larger ones
-// as floating point, so they fail here as well.
-std::uint64_t unsignedValue(const Json& value, LoadStatus onError,
-                            const std::string& what)
+// A member value of an entry or table as far as loading cares: an integer
+// in 0..2^64-1, a string, or anything else. JSON integers above 2^64-1 come
+// from the parser as floating point and so are "anything else" as well.
+using MemberValue = std::variant<std::monostate, std::uint64_t, std::string>;
+
+bool isUnsigned(const MemberValue& value)
 {
-    if (!value.is_number_unsigned())
-    {
-        throw LoadError(onError, what + " is not an integer in 0..2^64-1");
-    }
-    return value.get<std::uint64_t>();
+    return std::holds_alternative<std::uint64_t>(value);
 }
 
 template <typename Record>
@@ -229,6 +241,11 @@ const std::unordered_map<std::string_view, std::size_t>& fieldIndex()
     return index;
 }
 
+// An entry's members by name. Checked in name order, as a JSON document
+// would hold them, so the first problem reported does not depend on the
+// member order in the file; a repeated member keeps its last value.
+using EntryMembers = std::map<std::string, MemberValue, std::less<>>;
+
 template <typename Record>
 class EntryParser
 {
@@ -236,15 +253,11 @@ public:
     explicit EntryParser(std::string where) : where(std::move(where))
     {}
 
-    std::pair<std::string, Record> parse(const Json& entry)
+    std::pair<std::string, Record> parse(EntryMembers& members)
     {
-        if (!entry.is_object())
+        for (auto& [name, value] : members)
         {
-            throw LoadError(LoadStatus::badEntry, where + " is not an object");
-        }
-        for (auto member = entry.begin(); member != entry.end(); ++member)
-        {
-            take(member.key(), member.value());
+            take(name, value);
         }
         if (!key)
         {
@@ -254,7 +267,7 @@ public:
     }
 
 private:
-    void take(const std::string& name, const Json& value)
+    void take(const std::string& name, MemberValue& value)
     {
         if (name == "key" || name == "fqdd")
         {
@@ -268,26 +281,25 @@ private:
             throw LoadError(LoadStatus::badEntry,
                             where + ": unknown member \"" + name + "\"");
         }
-        values[field->second] = unsignedValue(value, LoadStatus::badEntry,
-                                              where + ": \"" + name + "\"");
+        if (!isUnsigned(value))
+        {
+            throw LoadError(LoadStatus::badEntry,
+                            where + ": \"" + name +
+                                "\" is not an integer in 0..2^64-1");
+        }
+        values[field->second] = std::get<std::uint64_t>(value);
     }
 
-    void takeText(const std::string& name, const Json& value)
+    void takeText(const std::string& name, MemberValue& value)
     {
         const bool isKey = name == "key";
-        if (!value.is_string())
+        auto* text = std::get_if<std::string>(&value);
+        if (text == nullptr)
         {
             throw LoadError(isKey ? LoadStatus::badKey : LoadStatus::badEntry,
                             where + ": \"" + name + "\" is not a string");
         }
-        if (isKey)
-        {
-            key = value.get<std::string>();
-        }
-        else
-        {
-            fqdd = value.get<std::string>();
-        }
+        (isKey ? key.emplace() : fqdd) = std::move(*text);
     }
 
     std::string where;
@@ -295,46 +307,6 @@ private:
     std::string fqdd;
     typename Record::Values values{};
 };
-
-const Json& entriesOf(const Json& table, const std::string& tableName)
-{
-    static const Json noEntries = Json::array();
-    if (!table.is_object())
-    {
-        throw LoadError(LoadStatus::badTable,
-                        "\"" + tableName + "\" is not an object");
-    }
-    for (auto member = table.begin(); member != table.end(); ++member)
-    {
-        if (member.key() != "status" && member.key() != "entries")
-        {
-            throw LoadError(LoadStatus::badTable,
-                            "\"" + tableName + "\" has unknown member \"" +
-                                member.key() + "\"");
-        }
-    }
-    const auto entries = table.find("entries");
-    if (entries == table.end())
-    {
-        return noEntries;
-    }
-    if (!entries->is_array())
-    {
-        throw LoadError(LoadStatus::badTable,
-                        tableName + ".entries is not an array");
-    }
-    return *entries;
-}
-
-std::uint64_t statusOf(const Json& table, const std::string& tableName)
-{
-    const auto status = table.find("status");
-    if (status == table.end())
-    {
-        return 0;
-    }
-    return unsignedValue(*status, LoadStatus::badTable, tableName + ".status");
-}
 
 // What loading one table gave: its status and records, or why it failed.
 template <typename Record>
@@ -345,9 +317,9 @@ struct TableOutcome
     std::map<std::string, Record> records;
 };
 
-// One table's entries as the file streams past: each entry becomes a record
-// as soon as it is complete and is then dropped, so memory holds records
-// and a single entry, never the document.
+// One table as the file streams past. Each entry becomes a record as soon
+// as it is complete, so memory holds records and a single entry, never the
+// document. The table's shape is judged once the whole file has parsed.
 template <typename Record>
 class TableCollector
 {
@@ -357,15 +329,39 @@ public:
 
     const std::string name;
 
-    // A repeated member replaces the earlier one, as in a DOM.
-    void restart()
+    // A table (or its "entries") given again replaces the earlier one, as
+    // in a JSON document.
+    void restart(bool isObject)
+    {
+        present = true;
+        notObject = !isObject;
+        statusBad = false;
+        status = 0;
+        firstUnknown.reset();
+        restartEntries(true);
+    }
+    void restartEntries(bool isArray)
     {
         loaded.clear();
         firstBadEntry.reset();
         entryCount = 0;
+        entriesNotArray = !isArray;
+    }
+    void takeStatus(const MemberValue& value)
+    {
+        statusBad = !isUnsigned(value);
+        status = statusBad ? 0 : std::get<std::uint64_t>(value);
+    }
+    void unknownMember(const std::string& member)
+    {
+        if (!firstUnknown || member < *firstUnknown)
+        {
+            firstUnknown = member;
+        }
     }
 
-    void take(const Json& entry)
+    // An entry that is not an object comes with no members.
+    void takeEntry(EntryMembers* members)
     {
         const std::string where =
             name + " entry " + std::to_string(entryCount++);
@@ -375,7 +371,12 @@ public:
         }
         try
         {
-            auto [key, record] = EntryParser<Record>(where).parse(entry);
+            if (members == nullptr)
+            {
+                throw LoadError(LoadStatus::badEntry,
+                                where + " is not an object");
+            }
+            auto [key, record] = EntryParser<Record>(where).parse(*members);
             const auto [slot, added] =
                 loaded.try_emplace(std::move(key), std::move(record));
             if (!added)
@@ -391,35 +392,52 @@ public:
         }
     }
 
-    // The table's shape is checked before its entries: a bad shape outranks
-    // a bad entry. An absent table is an empty one that loaded fine, so a
-    // file lists only the tables it needs.
-    TableOutcome<Record> finish(const Json& skeleton)
+    // A bad shape outranks a bad entry. An absent table is an empty one
+    // that loaded fine, so a file lists only the tables it needs.
+    TableOutcome<Record> finish()
     {
         TableOutcome<Record> outcome;
-        const auto table = skeleton.find(name);
-        if (table == skeleton.end())
+        if (!present)
         {
             return outcome;
         }
-        try
+        auto shapeError = [this](const std::string& reason) {
+            return TableOutcome<Record>{
+                0, LoadError(LoadStatus::badTable, reason), {}};
+        };
+        if (notObject)
         {
-            entriesOf(*table, name);
-            outcome.status = statusOf(*table, name);
-            if (firstBadEntry)
-            {
-                throw *firstBadEntry;
-            }
-            outcome.records = std::move(loaded);
+            return shapeError("\"" + name + "\" is not an object");
         }
-        catch (const LoadError& e)
+        if (firstUnknown)
         {
-            outcome = {0, e, {}};
+            return shapeError("\"" + name + "\" has unknown member \"" +
+                              *firstUnknown + "\"");
         }
+        if (entriesNotArray)
+        {
+            return shapeError(name + ".entries is not an array");
+        }
+        if (statusBad)
+        {
+            return shapeError(name + ".status is not an integer in 0..2^64-1");
+        }
+        if (firstBadEntry)
+        {
+            return {0, firstBadEntry, {}};
+        }
+        outcome.status = status;
+        outcome.records = std::move(loaded);
         return outcome;
     }
 
 private:
+    bool present = false;
+    bool notObject = false;
+    bool entriesNotArray = false;
+    bool statusBad = false;
+    std::uint64_t status = 0;
+    std::optional<std::string> firstUnknown;
     std::size_t entryCount = 0;
     std::map<std::string, Record> loaded;
     std::optional<LoadError> firstBadEntry;
@@ -431,9 +449,12 @@ struct BothTables
     TableOutcome<smartdatanvme_gen> nvme;
 };
 
-// Reads both tables in one pass over the file. Only the tables' own members
-// stay in a small skeleton, checked once the whole file has parsed, so a
-// syntax error anywhere outranks everything else.
+// Reads both tables in one pass over the file, straight from the parser's
+// events: no document is built. Containers that do not matter are skipped
+// whole. A syntax error anywhere outranks everything else.
+//
+// Levels of open containers: 1 the top-level object, 2 a table, 3 its
+// "entries" array, 4 an entry.
 class TablesReader
 {
 public:
@@ -441,8 +462,8 @@ public:
     {
         try
         {
-            const Json skeleton = parse(path);
-            return {sasSata.finish(skeleton), nvme.finish(skeleton)};
+            parse(path);
+            return {sasSata.finish(), nvme.finish()};
         }
         catch (const LoadError& e)
         {
@@ -450,8 +471,67 @@ public:
         }
     }
 
+    // The parser's events; false would stop it.
+    bool null()
+    {
+        return scalar(MemberValue{});
+    }
+    bool boolean(bool)
+    {
+        return scalar(MemberValue{});
+    }
+    bool number_integer(Json::number_integer_t)
+    {
+        return scalar(MemberValue{});
+    }
+    bool number_unsigned(Json::number_unsigned_t value)
+    {
+        return scalar(MemberValue{value});
+    }
+    bool number_float(Json::number_float_t, const Json::string_t&)
+    {
+        return scalar(MemberValue{});
+    }
+    bool string(Json::string_t& value)
+    {
+        return scalar(MemberValue{std::move(value)});
+    }
+    bool binary(Json::binary_t&)
+    {
+        return scalar(MemberValue{});
+    }
+    bool start_object(std::size_t)
+    {
+        return open(true);
+    }
+    bool start_array(std::size_t)
+    {
+        return open(false);
+    }
+    bool end_object()
+    {
+        return close();
+    }
+    bool end_array()
+    {
+        return close();
+    }
+    bool key(Json::string_t& name)
+    {
+        if (skipping == 0)
+        {
+            takeKey(name);
+        }
+        return true;
+    }
+    bool parse_error(std::size_t, const std::string&,
+                     const nlohmann::detail::exception& error)
+    {
+        syntaxError = error.what();
+        return false;
+    }
+
 private:
-    using Event = Json::parse_event_t;
     enum class Table
     {
         none,
@@ -459,88 +539,167 @@ private:
         nvme
     };
 
-    Json parse(const std::string& path)
+    void parse(const std::string& path)
     {
         FileBuffer buffer(path);
         std::istream in(&buffer);
-        Json skeleton;
-        try
-        {
-            skeleton =
-                Json::parse(in, [this](int depth, Event event, Json& parsed) {
-                    return keep(depth, event, parsed);
-                });
-        }
-        catch (const Json::parse_error& e)
-        {
-            buffer.checkRead();
-            throw LoadError(LoadStatus::malformed, e.what());
-        }
+        const bool parsed = Json::sax_parse(in, this);
         buffer.checkRead();
-        if (!skeleton.is_object())
+        if (!parsed)
+        {
+            throw LoadError(LoadStatus::malformed, syntaxError);
+        }
+        if (!rootIsObject)
         {
             throw LoadError(LoadStatus::malformed,
                             "top level is not an object");
         }
-        return skeleton;
     }
 
-    // The parser's callback: false drops what was just parsed.
-    bool keep(int depth, Event event, Json& parsed)
+    void takeKey(Json::string_t& name)
     {
-        if (event == Event::object_start || event == Event::array_start)
+        if (level == 1)
         {
-            arrayAt.resize(static_cast<std::size_t>(depth) + 1);
-            arrayAt.back() = event == Event::array_start;
+            table = name == sasSata.name ? Table::sasSata
+                    : name == nvme.name  ? Table::nvme
+                                         : Table::none;
         }
-        if (depth == 1 && event == Event::key)
+        else if (level == 2)
         {
-            return enterTable(parsed);
-        }
-        if (depth == 2 && event == Event::key)
-        {
-            inEntries = parsed == "entries";
-        }
-        const bool entryDone = event == Event::object_end ||
-                               event == Event::array_end ||
-                               event == Event::value;
-        if (depth == 3 && entryDone && inEntries && arrayAt[2] &&
-            current != Table::none)
-        {
-            if (current == Table::sasSata)
+            tableMember = std::move(name);
+            if (tableMember != "status" && tableMember != "entries")
             {
-                sasSata.take(parsed);
+                inTable([this](auto& t) { t.unknownMember(tableMember); });
             }
-            else
+        }
+        else if (level == 4)
+        {
+            member = std::move(name);
+        }
+    }
+
+    // A value that is not a container, or a container about to be skipped.
+    bool scalar(MemberValue value)
+    {
+        if (skipping > 0)
+        {
+            return true;
+        }
+        if (level == 0)
+        {
+            rootIsObject = false;
+        }
+        else if (level == 1)
+        {
+            inTable([](auto& t) { t.restart(false); });
+        }
+        else if (level == 2)
+        {
+            if (tableMember == "status")
             {
-                nvme.take(parsed);
+                inTable([&value](auto& t) { t.takeStatus(value); });
             }
-            return false;
+            else if (tableMember == "entries")
+            {
+                inTable([](auto& t) { t.restartEntries(false); });
+            }
+        }
+        else if (level == 3)
+        {
+            inTable([](auto& t) { t.takeEntry(nullptr); });
+        }
+        else if (level == 4)
+        {
+            members.insert_or_assign(member, std::move(value));
         }
         return true;
     }
 
-    bool enterTable(const Json& key)
+    bool open(bool isObject)
     {
-        current = Table::none;
-        if (key == sasSata.name)
+        if (skipping > 0)
         {
-            current = Table::sasSata;
-            sasSata.restart();
+            ++skipping;
+            return true;
         }
-        else if (key == nvme.name)
+        if (descends(isObject))
         {
-            current = Table::nvme;
-            nvme.restart();
+            ++level;
+            return true;
         }
-        return current != Table::none;
+        scalar(MemberValue{});
+        skipping = 1;
+        return true;
+    }
+
+    // Whether a container opening at this level is one that is read.
+    bool descends(bool isObject)
+    {
+        switch (level)
+        {
+            case 0:
+                rootIsObject = isObject;
+                return isObject;
+            case 1:
+                if (table == Table::none || !isObject)
+                {
+                    return false;
+                }
+                inTable([](auto& t) { t.restart(true); });
+                return true;
+            case 2:
+                if (tableMember != "entries" || isObject)
+                {
+                    return false;
+                }
+                inTable([](auto& t) { t.restartEntries(true); });
+                return true;
+            case 3:
+                members.clear();
+                return isObject;
+            default:
+                return false;
+        }
+    }
+
+    bool close()
+    {
+        if (skipping > 0)
+        {
+            --skipping;
+            return true;
+        }
+        if (level == 4)
+        {
+            inTable([this](auto& t) { t.takeEntry(&members); });
+        }
+        --level;
+        return true;
+    }
+
+    template <typename Action>
+    void inTable(Action action)
+    {
+        if (table == Table::sasSata)
+        {
+            action(sasSata);
+        }
+        else if (table == Table::nvme)
+        {
+            action(nvme);
+        }
     }
 
     TableCollector<smartdatasassata_gen> sasSata{"sasSata"};
     TableCollector<smartdatanvme_gen> nvme{"nvme"};
-    Table current = Table::none;
-    std::vector<bool> arrayAt; // per depth: the open container is an array
-    bool inEntries = false;
+    int level = 0;
+    int skipping = 0; // depth inside a container that is skipped whole
+    bool rootIsObject = false;
+    Table table = Table::none;
+    std::string tableMember;
+    std::string member;
+    EntryMembers members;
+    std::string syntaxError;
 };
 
 // Which file, by name and content: a rewritten file never matches, even one
@@ -558,12 +717,15 @@ FileIdentity identify(const std::string& path)
 {
     FileIdentity identity{path, 0, 14695981039346656037ULL};
     FileBuffer buffer(path);
-    for (int c = buffer.sbumpc(); c != std::char_traits<char>::eof();
-         c = buffer.sbumpc())
+    for (auto chunk = buffer.nextChunk(); !chunk.empty();
+         chunk = buffer.nextChunk())
     {
-        identity.hash =
-            (identity.hash ^ static_cast<unsigned char>(c)) * 1099511628211ULL;
-        ++identity.size;
+        for (const char c : chunk)
+        {
+            identity.hash = (identity.hash ^ static_cast<unsigned char>(c)) *
+                            1099511628211ULL;
+        }
+        identity.size += chunk.size();
     }
     buffer.checkRead();
     return identity;

@@ -134,6 +134,10 @@ TEST(SmartTables, StatusComesBackWithOrderedEntries)
          3, Keys{"", "K1", "k1", "k10", "k2"}},
         {R"({"nvme": {"status": 18446744073709551615}})", maxValue, Keys{}},
         {R"({"sasSata": {"status": 5}, "objects": [1, null]})", 0, Keys{}},
+        // Containers anywhere else are passed over whole.
+        {R"({"x": [[{"nvme": 1}], {"entries": [1]}],
+             "nvme": {"entries": [{"key": "a"}], "status": 6}, "y": {}})",
+         6, Keys{"a"}},
         // A repeated table replaces the earlier one, entries and all.
         {R"({"nvme": {"status": 1, "entries": [{"key": "old"}]},
              "nvme": {"status": 2, "entries": [{"key": "new"}]}})",
@@ -196,6 +200,19 @@ TEST(SmartTables, BadFilesLeaveTheMapEmpty)
         {R"({"sasSata": {"entries": [{"fqdd": "D"}]},
              "nvme": {"entries": [{"key": "k"}, {"key": "k"}]}})",
          LoadStatus::badKey},
+        // Members are judged in name order, whatever their order in the file.
+        {R"({"sasSata": {"entries": [{"zzz": 1, "key": 5}]},
+             "nvme": {"entries": [{"protocol": -1, "key": null}]}})",
+         LoadStatus::badKey},
+        {R"({"sasSata": {"entries": [{"key": 5, "aaa": 1}]},
+             "nvme": {"entries": [{"key": [], "fqdd": {}}]}})",
+         LoadStatus::badEntry},
+        {R"({"sasSata": {"entries": [[{"key": "a"}]]},
+             "nvme": {"entries": [{"key": "a", "protocol": [1]}]}})",
+         LoadStatus::badEntry},
+        {R"({"sasSata": {"status": {"x": 1}, "entries": [{"key": 1}]},
+             "nvme": {"entries": [{"key": 1}], "zz": 0, "aa": 0}})",
+         LoadStatus::badTable},
     };
     for (const auto& [content, status] : cases)
     {

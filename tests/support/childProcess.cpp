@@ -418,8 +418,8 @@ Measurement measureProgram(const std::vector<std::string>& argv,
     }
     result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     result.termSignal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
-    result.cpuTime =
-        toMicroseconds(usage.ru_utime) + toMicroseconds(usage.ru_stime);
+    result.systemTime = toMicroseconds(usage.ru_stime);
+    result.cpuTime = toMicroseconds(usage.ru_utime) + result.systemTime;
     result.peakRssKiB = usage.ru_maxrss;
     return result;
 }

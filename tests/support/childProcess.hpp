@@ -83,6 +83,7 @@ struct Measurement
     // until it has been reaped.
     std::chrono::nanoseconds wallTime{0};
     std::chrono::microseconds cpuTime{0}; // user and system, its children's too
+    std::chrono::microseconds systemTime{0}; // the system part of cpuTime
     long peakRssKiB = 0; // the largest of the program and its children
 };
 
