@@ -139,7 +139,7 @@ case "${1:-}" in
             python3 "$here/bench/make-scenario.py" \
                 "$here/tests/scenarios/demo.json" "$drives" "$scenarios"
         done
-        exec "$build/bench/qv-bench" --runs "${2:-9}" --busctl-runs 3 \
+        exec "$build/bench/qv-bench" --runs "${2:-15}" --busctl-runs 3 \
             "$scenarios" 8 64 256 1024
         ;;
     fuzz)

@@ -25,6 +25,10 @@ struct SizeResult
 // median CPU time and its system part in milliseconds.
 double medianWallMs(const std::vector<testsupport::Measurement>& runs);
 double bestWallMs(const std::vector<testsupport::Measurement>& runs);
+// The median of collector / floor over runs made back to back: slow spells
+// of a shared machine hit both runs of a pair alike.
+double pairedRatio(const std::vector<testsupport::Measurement>& collector,
+                   const std::vector<testsupport::Measurement>& floor);
 long peakRssKiB(const std::vector<testsupport::Measurement>& runs);
 double medianCpuMs(const std::vector<testsupport::Measurement>& runs);
 double medianSystemMs(const std::vector<testsupport::Measurement>& runs);
@@ -42,9 +46,9 @@ struct Verdicts
 // RSS at most 1.2 times the floor's at every size and growing by less than
 // 1 MiB from the smallest size to the largest; time per extra round trip
 // between the two largest sizes at most 1.25 times that between the two
-// smallest (no worse than linear). Times are judged on the best of the runs:
-// on a shared machine the slow runs measure the neighbours, and the runs of
-// both programs are interleaved, so both get the same chances.
+// smallest (no worse than linear). The wall-time ratio is the median of the
+// runs' own ratios and the slopes use the best runs: on a shared machine
+// slow spells measure the neighbours.
 Verdicts checkTargets(const std::vector<SizeResult>& results);
 
 } // namespace bench

@@ -10,35 +10,22 @@
 // takes all remaining fields. Exit code 0 when every call got a reply, 1 on
 // an error reply or a bus failure, 64 on a bad command line or call list.
 
+#include "sdBusHandles.hpp"
+
 #include <systemd/sd-bus.h>
 
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iostream>
-#include <memory>
 #include <string>
 #include <vector>
 
 namespace
 {
 
-struct BusUnref
-{
-    void operator()(sd_bus* bus) const
-    {
-        sd_bus_flush_close_unref(bus);
-    }
-};
-struct MessageUnref
-{
-    void operator()(sd_bus_message* message) const
-    {
-        sd_bus_message_unref(message);
-    }
-};
-using Bus = std::unique_ptr<sd_bus, BusUnref>;
-using Message = std::unique_ptr<sd_bus_message, MessageUnref>;
+using storagesim::BusPtr;
+using storagesim::MessagePtr;
 
 struct BadCall
 {
@@ -120,7 +107,7 @@ bool callOnce(sd_bus* bus, const std::vector<std::string>& fields)
     int r = sd_bus_message_new_method_call(bus, &raw, fields[0].c_str(),
                                            fields[1].c_str(), fields[2].c_str(),
                                            fields[3].c_str());
-    Message call(raw);
+    MessagePtr call(raw);
     if (r >= 0)
     {
         r = appendArguments(call.get(), fields[4], fields, 5);
@@ -131,7 +118,7 @@ bool callOnce(sd_bus* bus, const std::vector<std::string>& fields)
     {
         r = sd_bus_call(bus, call.get(), 0, &error, &rawReply);
     }
-    Message reply(rawReply);
+    MessagePtr reply(rawReply);
     if (r < 0)
     {
         std::cerr << "qv-bench-floor: " << fields[3] << " " << fields[1] << ": "
@@ -159,7 +146,7 @@ int main(int argc, char* argv[])
     }
     sd_bus* raw = nullptr;
     int r = sd_bus_open_system(&raw);
-    Bus bus(raw);
+    BusPtr bus(raw);
     if (r < 0)
     {
         std::cerr << "qv-bench-floor: no bus: " << std::strerror(-r) << "\n";

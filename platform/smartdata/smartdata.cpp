@@ -401,7 +401,7 @@ public:
         {
             return outcome;
         }
-        auto shapeError = [this](const std::string& reason) {
+        auto shapeError = [](const std::string& reason) {
             return TableOutcome<Record>{
                 0, LoadError(LoadStatus::badTable, reason), {}};
         };

@@ -33,8 +33,13 @@ configure() {
     fi
 }
 
-configure
-ninja -C "$build" "${targets[@]/#/tests/fuzz/fuzz-}" >/dev/null
+# Quiet unless the build fails, then with the compiler's words.
+if ! output=$(configure 2>&1 &&
+    ninja -C "$build" "${targets[@]/#/tests/fuzz/fuzz-}" 2>&1); then
+    echo "$output" >&2
+    echo "run-fuzz: building the fuzz targets failed" >&2
+    exit 1
+fi
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/qv-fuzz.XXXXXX")
 echo "run-fuzz: ${seconds}s a target, run directory $work"
