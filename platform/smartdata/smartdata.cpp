@@ -156,14 +156,26 @@ private:
                     std::string("cannot read: ") + std::strerror(error));
 }
 
+// Which file, by name and content: a rewritten file never matches, even one
+// rewritten within the file system's timestamp granularity.
+struct FileIdentity
+{
+    std::string path;
+    std::uint64_t size = 0;
+    std::uint64_t hash = 14695981039346656037ULL; // FNV-1a over the bytes
+
+    bool operator==(const FileIdentity&) const = default;
+};
+
 // Feeds the parser straight from the file with plain read(2), so the text
 // is never held whole and a directory or an I/O error is reported as
-// unreadable instead of looking like a short file.
+// unreadable instead of looking like a short file. It identifies the bytes
+// as they pass, so a parse tells which file it read without a second read.
 class FileBuffer : public std::streambuf
 {
 public:
     explicit FileBuffer(const std::string& path) :
-        file(::open(path.c_str(), O_RDONLY | O_CLOEXEC))
+        file(::open(path.c_str(), O_RDONLY | O_CLOEXEC)), seen{path}
     {
         if (file.get() < 0)
         {
@@ -171,17 +183,19 @@ public:
         }
     }
 
-    // The next stretch of the file, consumed; empty at its end.
-    std::string_view nextChunk()
+    // Reads whatever the reader left, so identity() covers the whole file.
+    void drain()
     {
-        if (gptr() == egptr() && underflow() == traits_type::eof())
+        while (underflow() != traits_type::eof())
         {
-            return {};
+            setg(eback(), egptr(), egptr());
         }
-        const std::string_view chunk(
-            gptr(), static_cast<std::size_t>(egptr() - gptr()));
-        setg(eback(), egptr(), egptr());
-        return chunk;
+    }
+
+    // The bytes read so far.
+    const FileIdentity& identity() const
+    {
+        return seen;
     }
 
     // Throws when a read failed: the parser then only saw a short text.
@@ -206,15 +220,31 @@ protected:
             readError = n < 0 ? errno : 0;
             return traits_type::eof();
         }
+        for (const char c :
+             std::string_view(chunk.data(), static_cast<std::size_t>(n)))
+        {
+            seen.hash =
+                (seen.hash ^ static_cast<unsigned char>(c)) * 1099511628211ULL;
+        }
+        seen.size += static_cast<std::uint64_t>(n);
         setg(chunk.data(), chunk.data(), chunk.data() + n);
         return traits_type::to_int_type(chunk.front());
     }
 
 private:
     FileDescriptor file;
+    FileIdentity seen;
     std::array<char, 16384> chunk{};
     int readError = 0;
 };
+
+FileIdentity identify(const std::string& path)
+{
+    FileBuffer buffer(path);
+    buffer.drain();
+    buffer.checkRead();
+    return buffer.identity();
+}
 
 // A member value of an entry or table as far as loading cares: an integer
 // in 0..2^64-1, a string, or anything else. JSON integers above 2^64-1 come
@@ -447,6 +477,7 @@ struct BothTables
 {
     TableOutcome<smartdatasassata_gen> sasSata;
     TableOutcome<smartdatanvme_gen> nvme;
+    std::optional<FileIdentity> file; // when every byte was read
 };
 
 // Reads both tables in one pass over the file, straight from the parser's
@@ -463,11 +494,11 @@ public:
         try
         {
             parse(path);
-            return {sasSata.finish(), nvme.finish()};
+            return {sasSata.finish(), nvme.finish(), file};
         }
         catch (const LoadError& e)
         {
-            return {{0, e, {}}, {0, e, {}}};
+            return {{0, e, {}}, {0, e, {}}, file};
         }
     }
 
@@ -544,7 +575,9 @@ private:
         FileBuffer buffer(path);
         std::istream in(&buffer);
         const bool parsed = Json::sax_parse(in, this);
+        buffer.drain();
         buffer.checkRead();
+        file = buffer.identity();
         if (!parsed)
         {
             throw LoadError(LoadStatus::malformed, syntaxError);
@@ -700,43 +733,15 @@ private:
     std::string member;
     EntryMembers members;
     std::string syntaxError;
+    std::optional<FileIdentity> file;
 };
-
-// Which file, by name and content: a rewritten file never matches, even one
-// rewritten within the file system's timestamp granularity.
-struct FileIdentity
-{
-    std::string path;
-    std::uint64_t size = 0;
-    std::uint64_t hash = 0; // FNV-1a over the bytes
-
-    bool operator==(const FileIdentity&) const = default;
-};
-
-FileIdentity identify(const std::string& path)
-{
-    FileIdentity identity{path, 0, 14695981039346656037ULL};
-    FileBuffer buffer(path);
-    for (auto chunk = buffer.nextChunk(); !chunk.empty();
-         chunk = buffer.nextChunk())
-    {
-        for (const char c : chunk)
-        {
-            identity.hash = (identity.hash ^ static_cast<unsigned char>(c)) *
-                            1099511628211ULL;
-        }
-        identity.size += chunk.size();
-    }
-    buffer.checkRead();
-    return identity;
-}
 
 // The collector asks for both tables, one right after the other. One parse
 // answers both: the table not asked for waits here for its call, as long as
 // the file has not changed.
 struct PendingTables
 {
-    FileIdentity file;
+    std::optional<FileIdentity> file;
     std::optional<TableOutcome<smartdatasassata_gen>> sasSata;
     std::optional<TableOutcome<smartdatanvme_gen>> nvme;
 };
@@ -758,16 +763,16 @@ pendingSlot(const smartdatanvme_gen*)
 template <typename Record>
 TableOutcome<Record> outcomeFor(const std::string& path)
 {
-    FileIdentity file = identify(path);
     auto& mine = pendingSlot(static_cast<const Record*>(nullptr));
-    if (mine && pending.file == file)
+    if (mine && pending.file && identify(path) == *pending.file)
     {
         TableOutcome<Record> outcome = std::move(*mine);
         mine.reset();
         return outcome;
     }
     BothTables both = TablesReader().read(path);
-    pending = {std::move(file), std::move(both.sasSata), std::move(both.nvme)};
+    pending = {std::move(both.file), std::move(both.sasSata),
+               std::move(both.nvme)};
     TableOutcome<Record> outcome = std::move(*mine);
     mine.reset();
     return outcome;
