@@ -131,7 +131,9 @@ public:
     {
         root.expose(fs::path(QV_BENCH_FLOOR_PATH).parent_path());
         collector = root.prepare({"0"}, bus, setup.tablesFile);
-        floor = {{QV_BENCH_FLOOR_PATH, "/floor-calls.txt"}, bus.environment()};
+        floor = {testsupport::targetCommand(
+                     {QV_BENCH_FLOOR_PATH, "/floor-calls.txt"}),
+                 bus.environment()};
         script = {{"/bin/sh", "/busctl.sh"}, bus.environment()};
         baseline = {{"/bin/true"}, bus.environment()};
     }

@@ -14,7 +14,7 @@ S = "${WORKDIR}/git"
 
 inherit meson pkgconfig systemd
 
-EXTRA_OEMESON = "-Dtests=disabled -Dsystemd-units=enabled"
+EXTRA_OEMESON = "-Dtests=disabled -Dsystemd-units=enabled -Db_lto=true"
 
 SYSTEMD_PACKAGES = "${PN}"
 # Only the timer is enabled; it starts the service, which has no [Install].

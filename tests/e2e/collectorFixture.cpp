@@ -92,8 +92,9 @@ RunResult CollectorTest::run(const Server& server,
                 // The report reader must take every report the collector
                 // writes.
                 auto reader =
-                    testsupport::runProgram({QV_SMART_REPORT_PATH, "--format",
-                                             "json", entry.path().string()});
+                    testsupport::runProgram(testsupport::targetCommand(
+                        {QV_SMART_REPORT_PATH, "--format", "json",
+                         entry.path().string()}));
                 EXPECT_EQ(reader.exitCode, 0) << entry.path() << reader.err;
             }
         }

@@ -322,8 +322,7 @@ TEST_F(SimTest, badScenariosAreRefusedWithTheMemberNamed)
     {
         SCOPED_TRACE(scenario);
         auto run = testsupport::runProgram(
-            {testsupport::Simulator::executablePath(), "--scenario",
-             dir.write("bad.json", scenario)},
+            testsupport::Simulator::command(dir.write("bad.json", scenario)),
             bus.environment(), 10s);
         EXPECT_EQ(run.exitCode, 2);
         EXPECT_EQ(run.out, "");

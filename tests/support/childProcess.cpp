@@ -332,6 +332,17 @@ bool collectOutput(int outFd, int errFd, RunResult& result,
 
 } // namespace
 
+std::vector<std::string> targetCommand(const std::vector<std::string>& argv)
+{
+    std::vector<std::string> command;
+    if (*TARGET_WRAPPER != '\0')
+    {
+        command.emplace_back(TARGET_WRAPPER);
+    }
+    command.insert(command.end(), argv.begin(), argv.end());
+    return command;
+}
+
 RunResult runProgram(const std::vector<std::string>& argv,
                      const EnvChanges& env, std::chrono::milliseconds timeout,
                      const Jail* jail)

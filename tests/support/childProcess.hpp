@@ -67,6 +67,11 @@ struct RunResult
     std::string err;
 };
 
+// The command line that starts `argv`, whose first word is a program of this
+// build. A cross build's programs run here only through the cross file's
+// wrapper (qemu-user), so its tests start them through it too.
+std::vector<std::string> targetCommand(const std::vector<std::string>& argv);
+
 // Runs a program to its end, capturing both output streams. Kills it and
 // throws when it has not finished within `timeout`.
 RunResult

@@ -40,16 +40,25 @@ const std::string& CollectorRoot::collectorPath()
 namespace
 {
 
-std::vector<std::string> wrapperWords()
+// The collector's command line: under QV_COLLECTOR_WRAPPER when it is set,
+// else as any program of this build is started.
+std::vector<std::string> collectorCommand(const std::vector<std::string>& args)
 {
-    std::vector<std::string> words;
+    std::vector<std::string> argv{CollectorRoot::collectorPath()};
+    argv.insert(argv.end(), args.begin(), args.end());
     const char* wrapper = std::getenv("QV_COLLECTOR_WRAPPER");
-    std::istringstream in(wrapper != nullptr ? wrapper : "");
+    if (wrapper == nullptr || *wrapper == '\0')
+    {
+        return targetCommand(argv);
+    }
+    std::vector<std::string> command;
+    std::istringstream in(wrapper);
     for (std::string word; in >> word;)
     {
-        words.push_back(word);
+        command.push_back(word);
     }
-    return words;
+    command.insert(command.end(), argv.begin(), argv.end());
+    return command;
 }
 
 } // namespace
@@ -178,10 +187,7 @@ CollectorRoot::prepare(const std::vector<std::string>& args,
     {
         env[name] = value;
     }
-    std::vector<std::string> argv = wrapperWords();
-    argv.push_back(collectorPath());
-    argv.insert(argv.end(), args.begin(), args.end());
-    return {std::move(argv), std::move(env)};
+    return {collectorCommand(args), std::move(env)};
 }
 
 RunResult CollectorRoot::run(const std::vector<std::string>& args,

@@ -1,13 +1,12 @@
 #include "simulator.hpp"
 
-#include <cstdlib>
 #include <stdexcept>
 
 namespace testsupport
 {
 
 Simulator::Simulator(const std::string& scenarioFile, const PrivateBus& bus) :
-    process({executablePath(), "--scenario", scenarioFile}, bus.environment())
+    process(command(scenarioFile), bus.environment())
 {
     std::string line;
     try
@@ -34,16 +33,9 @@ int Simulator::stop()
     return process.stop();
 }
 
-const std::string& Simulator::executablePath()
+std::vector<std::string> Simulator::command(const std::string& scenarioFile)
 {
-    // A cross build's own simulator cannot run here; STORAGE_SIM names a
-    // native one to serve its tests instead.
-    static const std::string path = [] {
-        const char* chosen = std::getenv("STORAGE_SIM");
-        return std::string(
-            chosen != nullptr && *chosen != '\0' ? chosen : STORAGE_SIM_PATH);
-    }();
-    return path;
+    return targetCommand({STORAGE_SIM_PATH, "--scenario", scenarioFile});
 }
 
 std::string Simulator::writeScenario(const TempDir& dir,

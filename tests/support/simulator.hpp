@@ -31,7 +31,8 @@ public:
     // status; later calls return the same status.
     int stop();
 
-    static const std::string& executablePath();
+    // The command line that starts the simulator on `scenarioFile`.
+    static std::vector<std::string> command(const std::string& scenarioFile);
 
     // Writes `json` to `name` inside `dir`; returns the file's path.
     static std::string writeScenario(const TempDir& dir,
