@@ -213,10 +213,12 @@ querySubTreePaths(const std::string& path, int32_t depth,
                   const std::list<std::string>& interfaces)
 {
     auto& bus = getDefaultBus();
-    auto method = bus.new_method_call(mapperService, mapperPath,
-                                      mapperInterface, "GetSubTree");
-    method.append(path, depth, interfaces);
-    auto reply = bus.call(method, 0);
+    auto reply = callUninterrupted(bus, [&] {
+        auto method = bus.new_method_call(mapperService, mapperPath,
+                                          mapperInterface, "GetSubTree");
+        method.append(path, depth, interfaces);
+        return method;
+    });
     return readSubTreePaths(reply);
 }
 
@@ -269,10 +271,13 @@ int GetAll_DbusPropertyBasicVariant(const std::string& service,
     try
     {
         auto& bus = getDefaultBus();
-        auto method = bus.new_method_call(service.c_str(), objectPath.c_str(),
-                                          propertiesInterface, "GetAll");
-        method.append(interface);
-        auto reply = bus.call(method, 0);
+        auto reply = callUninterrupted(bus, [&] {
+            auto method =
+                bus.new_method_call(service.c_str(), objectPath.c_str(),
+                                    propertiesInterface, "GetAll");
+            method.append(interface);
+            return method;
+        });
         reply.read(properties);
     }
     catch (const sdbusplus::exception::exception& e)

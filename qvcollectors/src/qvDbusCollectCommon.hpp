@@ -1,7 +1,10 @@
 #pragma once
 
 #include <sdbusplus/bus.hpp>
+#include <sdbusplus/exception.hpp>
+#include <sdbusplus/message.hpp>
 
+#include <cerrno>
 #include <cstdint>
 #include <list>
 #include <map>
@@ -42,6 +45,31 @@ extern bool driveObjPathsLoaded;
 
 // The one connection shared by every inventory query, kept for the process.
 sdbusplus::bus_t& getDefaultBus();
+
+// Sends the method call `makeCall` builds and waits for its reply. The cancel
+// signal's handler has no SA_RESTART, so a signal that arrives while the call
+// waits interrupts it; every method the collector calls only reads, so the
+// call is made again, as a new message, and the signal changes nothing.
+template <typename MakeCall>
+sdbusplus::message_t callUninterrupted(sdbusplus::bus_t& bus,
+                                       const MakeCall& makeCall)
+{
+    for (;;)
+    {
+        auto call = makeCall();
+        try
+        {
+            return bus.call(call, uint64_t{0});
+        }
+        catch (const sdbusplus::exception::SdBusError& error)
+        {
+            if (error.get_errno() != EINTR)
+            {
+                throw;
+            }
+        }
+    }
+}
 
 // Object paths below `path` implementing one of `interfaces`, in byte order.
 // Empty on every D-Bus failure.

@@ -4,7 +4,11 @@
 #include "qvDbusCollectCommon.hpp"
 #include "utl.hpp"
 
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <sdbusplus/bus.hpp>
 #include <sdbusplus/exception.hpp>
@@ -615,8 +619,8 @@ bool callHardDriveMethod(const char* function, const char* member,
     try
     {
         auto bus = sdbusplus::bus::new_default_system();
-        auto call = newStorageCall(bus, member, fqdd);
-        auto message = bus.call(call, uint64_t{0});
+        auto message = callUninterrupted(
+            bus, [&] { return newStorageCall(bus, member, fqdd); });
         uint8_t ignoredOctet = 0;
         uint32_t ignoredWord = 0;
         uint64_t ignoredLong = 0;
@@ -687,8 +691,9 @@ int qvdbusGetSmartPDSASSATARawData(const std::string& fqdd,
     try
     {
         auto bus = sdbusplus::bus::new_default_system();
-        auto call = newStorageCall(bus, "GetSmartPDSASSATARawData", argument);
-        auto reply = bus.call(call, uint64_t{0});
+        auto reply = callUninterrupted(bus, [&] {
+            return newStorageCall(bus, "GetSmartPDSASSATARawData", argument);
+        });
         reply.read(status, data);
     }
     catch (const sdbusplus::exception::exception& error)
@@ -957,6 +962,79 @@ enum class CannotWriteText
     canNot // "Can't", everywhere else
 };
 
+// An exclusive lock on the directory of the reports, held while a run has a
+// report open: runs started together (a support-data collection started
+// twice, a manual run beside the timer's) append one whole document after
+// the other instead of interleaving their buffered writes. The directory
+// itself is locked, so no lock file is left behind.
+class ReportDirectoryLock
+{
+public:
+    ReportDirectoryLock() = default;
+    ReportDirectoryLock(const ReportDirectoryLock&) = delete;
+    ReportDirectoryLock& operator=(const ReportDirectoryLock&) = delete;
+    ~ReportDirectoryLock()
+    {
+        release();
+    }
+
+    // Waits for another run to let go. A directory that cannot be opened is
+    // left unlocked: opening the report in it fails and says so.
+    void acquire(const std::string& reportPath)
+    {
+        if (fd >= 0)
+        {
+            return;
+        }
+        const std::string directory =
+            reportPath.substr(0, reportPath.rfind('/') + 1);
+        fd = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        if (fd < 0 || flock(fd, LOCK_EX | LOCK_NB) == 0)
+        {
+            return;
+        }
+        dlog_printf(logLevel, logModule,
+                    "%s.%d.%s: Another run is writing the reports, waiting\n",
+                    fileName(), __LINE__, driverName);
+        // The cancel signal interrupts the wait; it changes nothing here.
+        while (flock(fd, LOCK_EX) != 0 && errno == EINTR)
+        {}
+    }
+
+    void release()
+    {
+        if (fd >= 0)
+        {
+            close(fd);
+            fd = -1;
+        }
+    }
+
+private:
+    int fd = -1;
+};
+
+// Whether `path` names a regular file, creating it when it is missing. A
+// symlink is not followed (as root the collector would append to whatever
+// it names) and a FIFO does not block: both are refused, as is anything
+// else that is not a regular file.
+bool isRegularReportFile(const std::string& path)
+{
+    const int fd = open(path.c_str(),
+                        O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW |
+                            O_NONBLOCK | O_CLOEXEC,
+                        0666);
+    if (fd < 0)
+    {
+        return false;
+    }
+    struct stat status
+    {};
+    const bool regular = fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
+    close(fd);
+    return regular;
+}
+
 // The state of one run: its two documents, the shared record and the counts
 // that decide every separator.
 class CollectionRun
@@ -981,6 +1059,8 @@ public:
 
 private:
     int mode;
+    // Declared before the streams: released only after both are closed.
+    ReportDirectoryLock reportLock;
     std::ofstream logStream;
     std::ofstream rawStream;
     DriveSmartRecord record{};
@@ -1028,7 +1108,11 @@ void CollectionRun::ensureOpen(std::ofstream& stream, int kind,
         dlog_printf(logLevel, logModule, "%s.%d.%s: Curr Day [%s]\n",
                     fileName(), __LINE__, driverName, path.c_str());
     }
-    stream.open(path, std::ios::out | std::ios::app);
+    reportLock.acquire(path);
+    if (isRegularReportFile(path))
+    {
+        stream.open(path, std::ios::out | std::ios::app);
+    }
     if (stream.is_open())
     {
         return;
@@ -1335,6 +1419,7 @@ void CollectionRun::closeDocuments()
         logStream.close();
         logIfIncomplete(logStream, "SMART log");
     }
+    reportLock.release();
 }
 
 } // namespace

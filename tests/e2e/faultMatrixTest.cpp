@@ -1,8 +1,13 @@
 #include "collectorFixture.hpp"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
+#include <filesystem>
+#include <functional>
+#include <future>
 #include <map>
 #include <utility>
 
@@ -515,6 +520,101 @@ TEST_F(FaultMatrix, DiskFullWhileWriting)
     EXPECT_EQ(earlierRaw.size() + outcome.raw.size(), 4096u);
     EXPECT_EQ(outcome.raw, full.substr(0, outcome.raw.size()));
     EXPECT_EQ(outcome.logs, logs);
+}
+
+// SIGUSR1 while the collector waits for each kind of reply in turn: the
+// handler has no SA_RESTART, so the wait is interrupted, and the run must
+// come out as if the signal had not come.
+TEST_F(FaultMatrix, CancelSignalWhileACallWaits)
+{
+    const json signalThenAnswer = {{"delayMs", 100}, {"signalCaller", SIGUSR1}};
+    const std::string logs = baseLogs();
+    for (const char* pointer :
+         {"/mapper", "/objects/1/getAll", "/drives/SSD/rawData",
+          "/drives/SATA/sataHdd", "/drives/SAS/sasHdd"})
+    {
+        SCOPED_TRACE(pointer);
+        root = std::make_unique<testsupport::CollectorRoot>();
+        Server server = baseServer();
+        server.doc[json::json_pointer(pointer)].update(signalThenAnswer);
+        auto outcome = runSeeded(server);
+        EXPECT_EQ(outcome.result.exitCode, 0) << outcome.result.err;
+        EXPECT_EQ(outcome.raw, rawDocument(ssdRows)) << logText();
+        EXPECT_EQ(outcome.logs, logs);
+    }
+}
+
+// A support-data collection started twice: the second run waits for the
+// first to close its reports, then appends its own whole documents. The raw
+// data is larger than a stream's buffer, so unserialized runs would
+// interleave their flushes.
+TEST_F(FaultMatrix, RunsStartedTogetherTakeTurns)
+{
+    Server server = baseServer();
+    server.rawData("SSD", {{"dataLength", 65536}, {"delayMs", 300}});
+    root->write(testsupport::smartLogsPath, earlierLogs);
+    root->write(testsupport::smartRawDataPath, earlierRaw);
+    const std::string scenario = dir.write("scenario.json", server.doc.dump());
+    sim = std::make_unique<testsupport::Simulator>(scenario, bus);
+    auto first = std::async(std::launch::async,
+                            [&] { return root->run({"0"}, bus, scenario); });
+    auto second = root->run({"0"}, bus, scenario);
+    EXPECT_EQ(first.get().exitCode, 0);
+    EXPECT_EQ(second.exitCode, 0) << second.err;
+    EXPECT_TRUE(
+        logged(driverLine("Another run is writing the reports, waiting")))
+        << logText();
+    const std::string raw = rawDocument(countingRows(65536));
+    EXPECT_EQ(added(rawData(), earlierRaw), raw + raw);
+    const std::string logs = added(smartLogs(), earlierLogs);
+    EXPECT_EQ(logs.substr(0, logs.size() / 2), logs.substr(logs.size() / 2));
+    EXPECT_EQ(malformation(logs), "");
+}
+
+// A report path that is not a regular file is refused as an unopenable one
+// is: a symlink is not followed, a FIFO does not block the run.
+TEST_F(FaultMatrix, ReportPathsThatAreNotRegularFiles)
+{
+    struct Case
+    {
+        const char* name;
+        const char* report;
+        std::function<void(const std::string&)> make; // host path
+        std::string logLine;
+    };
+    const std::string cant = driverLine("Cant write to the file..");
+    const std::string canNot = driverLine("Can't write to the file..");
+    auto symlink = [](const std::string& at) {
+        std::filesystem::create_symlink("/elsewhere.json", at);
+    };
+    auto fifo = [](const std::string& at) {
+        ASSERT_EQ(mkfifo(at.c_str(), 0644), 0);
+    };
+    auto directory = [](const std::string& at) {
+        std::filesystem::create_directory(at);
+    };
+    const Case cases[] = {
+        {"log report a symlink", testsupport::smartLogsPath, symlink, cant},
+        {"raw report a symlink", testsupport::smartRawDataPath, symlink,
+         canNot},
+        {"log report a FIFO", testsupport::smartLogsPath, fifo, cant},
+        {"raw report a FIFO", testsupport::smartRawDataPath, fifo, canNot},
+        {"log report a directory", testsupport::smartLogsPath, directory, cant},
+    };
+    for (const auto& c : cases)
+    {
+        SCOPED_TRACE(c.name);
+        root = std::make_unique<testsupport::CollectorRoot>();
+        root->write("/elsewhere.json", "untouched");
+        c.make(root->hostPath(c.report));
+        auto result = run(baseServer(), {"0"});
+        EXPECT_EQ(result.exitCode, 21) << result.err;
+        EXPECT_TRUE(logged(c.logLine)) << logText();
+        EXPECT_EQ(root->read("/elsewhere.json"), "untouched");
+        EXPECT_NE(
+            std::filesystem::symlink_status(root->hostPath(c.report)).type(),
+            std::filesystem::file_type::regular);
+    }
 }
 
 // SIGUSR1 once the handler is in place: only the check before the driver

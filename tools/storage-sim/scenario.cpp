@@ -3,6 +3,7 @@
 #include <systemd/sd-bus.h>
 
 #include <algorithm>
+#include <csignal>
 #include <fstream>
 #include <initializer_list>
 #include <iterator>
@@ -20,7 +21,7 @@ namespace
 constexpr uint64_t maxArrayLength = 64U * 1024U * 1024U;
 
 const std::initializer_list<std::string_view> faultMembers = {
-    "error", "delayMs", "noReply", "reply", "extra"};
+    "error", "delayMs", "noReply", "reply", "extra", "signalCaller"};
 
 // A JSON value together with where it sits in the file, so every complaint
 // can name the member at fault.
@@ -200,6 +201,11 @@ Fault parseFault(const Node& node)
     fault.delay =
         std::chrono::milliseconds(node.integerOr<uint32_t>("delayMs", 0));
     fault.noReply = node.has("noReply") && node.member("noReply").flag();
+    fault.signalCaller = node.integerOr<uint8_t>("signalCaller", 0);
+    if (fault.signalCaller >= NSIG)
+    {
+        node.member("signalCaller").fail("not a signal number");
+    }
     if (node.has("reply"))
     {
         fault.reply = parseBody(node.member("reply"));

@@ -54,6 +54,7 @@ struct Fault
     std::optional<DbusError> error;
     std::chrono::milliseconds delay{0};
     bool noReply = false;
+    int signalCaller = 0; // sent to the caller when its call arrives
     std::optional<Body> reply;
     std::optional<Body> extra;
 };

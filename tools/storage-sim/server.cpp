@@ -465,6 +465,7 @@ bool Server::driveMethod(sd_bus_message* call)
 void Server::respond(sd_bus_message* call, const Fault& fault,
                      const Outcome& normal)
 {
+    signalCaller(call, fault);
     if (fault.noReply || sd_bus_message_get_expect_reply(call) <= 0)
     {
         return;
@@ -476,6 +477,28 @@ void Server::respond(sd_bus_message* call, const Fault& fault,
         return;
     }
     checked(sd_bus_send(bus.get(), reply.get(), nullptr), "sending a reply");
+}
+
+// The daemon knows every peer's process; the test's caller shares this
+// process namespace. Only the first call that meets the fault is signalled:
+// a caller that makes an interrupted call again is not interrupted again.
+void Server::signalCaller(sd_bus_message* call, const Fault& fault)
+{
+    if (fault.signalCaller == 0 || !signalled.insert(&fault).second)
+    {
+        return;
+    }
+    sd_bus_creds* creds = nullptr;
+    checked(sd_bus_query_sender_creds(call, SD_BUS_CREDS_PID, &creds),
+            "asking for the caller's process");
+    pid_t pid = 0;
+    int result = sd_bus_creds_get_pid(creds, &pid);
+    sd_bus_creds_unref(creds);
+    checked(result, "reading the caller's process");
+    if (kill(pid, fault.signalCaller) != 0)
+    {
+        checked(-errno, "signalling the caller");
+    }
 }
 
 MessagePtr Server::buildReply(sd_bus_message* call, const Fault& fault,

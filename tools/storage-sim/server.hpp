@@ -7,6 +7,7 @@
 #include <fstream>
 #include <functional>
 #include <list>
+#include <set>
 #include <string>
 #include <utility>
 #include <variant>
@@ -57,6 +58,8 @@ private:
     SlotPtr handlerSlot;
     std::vector<EventSourcePtr> signalSources;
     std::list<PendingReply> pending;
+    // Faults whose signal has been sent: each signals one call only.
+    std::set<const Fault*> signalled;
     std::ofstream callLog;
 
     static int onMessage(sd_bus_message* call, void* userdata,
@@ -78,6 +81,7 @@ private:
 
     void respond(sd_bus_message* call, const Fault& fault,
                  const Outcome& normal);
+    void signalCaller(sd_bus_message* call, const Fault& fault);
     MessagePtr buildReply(sd_bus_message* call, const Fault& fault,
                           const Outcome& normal) const;
     void schedule(MessagePtr reply, std::chrono::milliseconds delay);
