@@ -1,6 +1,9 @@
 #include "collectorFixture.hpp"
 #include "reportTool.hpp"
 
+#include <sys/stat.h>
+
+#include <cstdio>
 #include <sstream>
 
 namespace e2e
@@ -208,6 +211,35 @@ TEST_F(CollectorTest, IrregularCollectorTextIsReadWithNotes)
     }
 }
 
+// A document of `depth` groups, each inside the one before.
+std::string nested(int depth)
+{
+    std::string text = "{\n";
+    for (int level = 0; level < depth; ++level)
+    {
+        text += "\"g\":\n{\n";
+    }
+    for (int level = 0; level <= depth; ++level)
+    {
+        text += "}\n";
+    }
+    return text;
+}
+
+// A raw data document of one drive with `rows` hex rows.
+std::string dump(int rows)
+{
+    std::string text = "{\n\"SSD\":\n{\n";
+    for (int row = 0; row < rows; ++row)
+    {
+        char line[96];
+        std::snprintf(line, sizeof(line), "%s\"%06x\": \"%-48s\"",
+                      row == 0 ? "" : ",\n", row * 16, "00 01 02 03");
+        text += line;
+    }
+    return text + "\n}\n}";
+}
+
 TEST(ReportReader, DamageIsNamedAndEarlierDocumentsStillPrinted)
 {
     testsupport::TempDir dir;
@@ -232,6 +264,18 @@ TEST(ReportReader, DamageIsNamedAndEarlierDocumentsStillPrinted)
          ":81: expected ',' or '}' but found '\"' in a group"},
         {raw + "]", 1,
          ":26: expected '{' but found ']' in the text between documents"},
+        // The reader goes on at the next document after the damage: a run
+        // cut short, then a complete one.
+        {logs + logs.substr(0, 300) + logs, 2, ":89: unterminated quoted text"},
+        {raw + raw.substr(0, 100) + raw, 2, ":30: unterminated quoted text"},
+        {raw.substr(0, raw.rfind("},")) + raw, 1,
+         ":21: expected ',' or '}' but found '{' in a group"},
+        {logs + "{\n\"BAY\n1\":\n{\n\"A\": \"1\",\n}\n}" + logs, 2,
+         ":77: unterminated quoted text"},
+        {nested(30000) + logs, 1, ":33: groups nested deeper than 16"},
+        // Documents larger than the reader's reads, damage between them.
+        {dump(20000) + raw.substr(0, 100) + dump(20000), 2,
+         ":20009: unterminated quoted text"},
     };
     for (const auto& c : cases)
     {
@@ -254,6 +298,39 @@ TEST(ReportReader, UsageErrorsExitTwo)
         EXPECT_NE(result.err.find("usage:"), std::string::npos);
     }
     EXPECT_EQ(report({"/nonexistent/report.json"}).status, 1);
+}
+
+// Reading anything but a regular file could block (a FIFO) or never end (a
+// device); a directory holds no report.
+TEST(ReportReader, OnlyRegularFilesAreRead)
+{
+    testsupport::TempDir dir;
+    const std::string fifo = dir.path() + "/fifo";
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    for (const std::string& path : {dir.path(), fifo, std::string("/dev/zero")})
+    {
+        auto result = report({path});
+        EXPECT_EQ(result.status, 1) << path;
+        EXPECT_EQ(result.err, path + ": not a regular file\n");
+    }
+}
+
+// Only unsigned 64-bit decimals become JSON numbers; every other text stays
+// a string, so a reader of the JSON never sees a value out of range.
+TEST(ReportReader, NumbersOnlyInTheUnsigned64BitRange)
+{
+    testsupport::TempDir dir;
+    const std::string file = dir.write(
+        "report.json", "{\n\"D\":\n{\n\"max\": \"18446744073709551615\",\n"
+                       "\"over\": \"18446744073709551616\",\n\"minus\": "
+                       "\"-1\",\n\"padded\": \"007\",\n\"zero\": \"0\",\n}\n}");
+    auto result = report({"--format=json", file});
+    ASSERT_EQ(result.status, 0) << result.err;
+    EXPECT_NE(result.out.find("{\"max\":18446744073709551615,\"over\":"
+                              "\"18446744073709551616\",\"minus\":\"-1\","
+                              "\"padded\":\"007\",\"zero\":0}"),
+              std::string::npos)
+        << result.out;
 }
 
 } // namespace

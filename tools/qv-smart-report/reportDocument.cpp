@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <string>
 
 namespace qvreport
 {
@@ -22,33 +23,73 @@ struct Damage
     std::string reason;
 };
 
-class Reader
+// The text read so far ends inside the document.
+struct NeedMore
+{};
+
+// Reads one document from the front of `text`, which holds what has been
+// read of the file so far; `complete` says nothing more follows.
+class DocumentParser
 {
 public:
-    explicit Reader(std::string_view text) : text(text)
+    DocumentParser(std::string_view text, int line, bool complete) :
+        text(text), line(line), complete(complete)
     {}
 
-    ReadResult readAll()
+    Document document(std::vector<ReadProblem>& notes)
     {
-        ReadResult result;
-        try
+        Document document;
+        document.line = line;
+        document.root.isObject = true;
+        document.root.line = line;
+        expect('{', "the text between documents");
+        readMembers(document.root, 1);
+        // A hard drive reported without an FQDD has no group head, so the
+        // document closes one brace early: the rest of the run follows as
+        // ",<members>}" or a lone "}".
+        while (moreFollows() && (text[pos] == ',' || text[pos] == '}'))
         {
-            while (skipBlanks())
+            notes.push_back({line,
+                             "unbalanced closing brace (hard drive without "
+                             "FQDD), read on",
+                             false});
+            if (text[pos++] == ',')
             {
-                result.documents.push_back(readDocument(result.notes));
+                readMembers(document.root, 1);
             }
         }
-        catch (const Damage& damage)
-        {
-            result.damage = ReadProblem{damage.line, damage.reason};
-        }
-        return result;
+        return document;
+    }
+
+    size_t consumed() const
+    {
+        return pos;
+    }
+
+    int lineReached() const
+    {
+        return line;
     }
 
 private:
     std::string_view text;
     size_t pos = 0;
-    int line = 1;
+    int line;
+    bool complete;
+
+    [[noreturn]] void fail(const std::string& reason) const
+    {
+        throw Damage{line, reason};
+    }
+
+    [[noreturn]] void endOfText(const char* inside) const
+    {
+        if (!complete)
+        {
+            throw NeedMore{};
+        }
+        fail(std::string("file ends inside ") + inside);
+    }
 
     bool skipBlanks()
     {
@@ -61,16 +102,26 @@ private:
         return pos < text.size();
     }
 
-    [[noreturn]] void fail(const std::string& reason) const
+    // Whether anything but blanks follows; asks for more text until it
+    // knows.
+    bool moreFollows()
     {
-        throw Damage{line, reason};
+        if (skipBlanks())
+        {
+            return true;
+        }
+        if (!complete)
+        {
+            throw NeedMore{};
+        }
+        return false;
     }
 
     char peek(const char* inside)
     {
         if (!skipBlanks())
         {
-            fail(std::string("file ends inside ") + inside);
+            endOfText(inside);
         }
         return text[pos];
     }
@@ -87,25 +138,47 @@ private:
     }
 
     // Names are written unescaped, so a quote inside an FQDD does not end
-    // it: a name ends at the first quote followed by a colon on its line.
+    // it: a name ends at the first quote followed by a colon on its line,
+    // a value at its first quote. Neither spans lines.
     std::string readString(bool isName)
     {
         expect('"', "a group");
-        size_t lineEnd = std::min(text.find('\n', pos), text.size());
-        size_t end = isName ? text.find("\":", pos) : text.find('"', pos);
-        if (end == std::string_view::npos || end >= lineEnd)
+        for (size_t end = pos; end < text.size(); ++end)
         {
-            fail("unterminated quoted text");
+            if (text[end] == '\n')
+            {
+                fail("unterminated quoted text");
+            }
+            if (text[end] != '"')
+            {
+                continue;
+            }
+            if (isName && end + 1 == text.size())
+            {
+                break; // the colon may follow in text not read yet
+            }
+            if (!isName || text[end + 1] == ':')
+            {
+                std::string value(text.substr(pos, end - pos));
+                pos = end + 1;
+                return value;
+            }
         }
-        std::string value(text.substr(pos, end - pos));
-        pos = end + 1;
-        return value;
+        if (!complete)
+        {
+            throw NeedMore{};
+        }
+        fail("unterminated quoted text");
     }
 
     // Members up to and including the closing brace; the opening brace has
     // been consumed.
-    void readMembers(Node& group)
+    void readMembers(Node& group, int depth)
     {
+        if (depth > maxGroupDepth)
+        {
+            fail("groups nested deeper than " + std::to_string(maxGroupDepth));
+        }
         while (peek("a group") != '}')
         {
             Node member;
@@ -116,7 +189,7 @@ private:
             {
                 ++pos;
                 member.isObject = true;
-                readMembers(member);
+                readMembers(member, depth + 1);
             }
             else
             {
@@ -135,30 +208,137 @@ private:
         }
         ++pos;
     }
+};
 
-    Document readDocument(std::vector<ReadProblem>& notes)
+constexpr size_t minimumRead = 64 * 1024;
+
+} // namespace
+
+std::optional<Document> ReportReader::next()
+{
+    found.clear();
+    while (skipBlanks())
     {
-        Document document;
-        document.line = line;
-        document.root.isObject = true;
-        document.root.line = line;
-        expect('{', "the text between documents");
-        readMembers(document.root);
-        // A hard drive reported without an FQDD has no group head, so the
-        // document closes one brace early: the rest of the run follows as
-        // ",<members>}" or a lone "}".
-        while (skipBlanks() && (text[pos] == ',' || text[pos] == '}'))
+        DocumentParser parser(std::string_view(buffer).substr(start), line,
+                              atEnd);
+        try
         {
-            notes.push_back({line, "unbalanced closing brace (hard drive "
-                                   "without FQDD), read on"});
-            if (text[pos++] == ',')
+            std::vector<ReadProblem> notes;
+            Document document = parser.document(notes);
+            found.insert(found.end(), notes.begin(), notes.end());
+            start += parser.consumed();
+            line = parser.lineReached();
+            return document;
+        }
+        catch (const NeedMore&)
+        {
+            fill();
+        }
+        catch (const Damage& damage)
+        {
+            found.push_back({damage.line, damage.reason, true});
+            skipToNextDocument();
+        }
+    }
+    return std::nullopt;
+}
+
+// Drops what has been read and appends at least as much again as is held, so
+// a document re-read after each fill costs no more than twice its size.
+bool ReportReader::fill()
+{
+    buffer.erase(0, start);
+    start = 0;
+    if (atEnd)
+    {
+        return false;
+    }
+    const size_t held = buffer.size();
+    const size_t wanted = std::max(minimumRead, held);
+    buffer.resize(held + wanted);
+    in.read(buffer.data() + held, static_cast<std::streamsize>(wanted));
+    const auto got = static_cast<size_t>(in.gcount());
+    buffer.resize(held + got);
+    atEnd = got < wanted;
+    return got > 0;
+}
+
+bool ReportReader::skipBlanks()
+{
+    for (;;)
+    {
+        while (start < buffer.size() &&
+               std::isspace(static_cast<unsigned char>(buffer[start])))
+        {
+            consume(1);
+        }
+        if (start < buffer.size())
+        {
+            return true;
+        }
+        if (!fill())
+        {
+            return false;
+        }
+    }
+}
+
+void ReportReader::consume(size_t count)
+{
+    line += static_cast<int>(std::count(
+        buffer.begin() + static_cast<std::ptrdiff_t>(start),
+        buffer.begin() + static_cast<std::ptrdiff_t>(start + count), '\n'));
+    start += count;
+}
+
+// A document opens with a brace alone on its line. So does a drive's group,
+// but its name's colon precedes it ("\"FQDD\":\n{"), as it precedes a log
+// page's brace ("\"name\": {").
+bool ReportReader::opensDocument(size_t at) const
+{
+    if (buffer[at] != '{' || buffer[at + 1] != '\n')
+    {
+        return false;
+    }
+    return at < 2 || buffer[at - 2] != ':' ||
+           (buffer[at - 1] != '\n' && buffer[at - 1] != ' ');
+}
+
+// Skips the damaged document: on to the next brace after its start that
+// opens a document, or to the end of the input.
+void ReportReader::skipToNextDocument()
+{
+    size_t searched = 1; // octets after `start` ruled out
+    for (;;)
+    {
+        size_t at = buffer.find('{', start + searched);
+        for (; at != std::string::npos && at + 1 < buffer.size();
+             at = buffer.find('{', at + 1))
+        {
+            if (opensDocument(at))
             {
-                readMembers(document.root);
+                consume(at - start);
+                return;
             }
         }
-        return document;
+        // Up to `end` nothing opens a document; two octets before it stay,
+        // to judge a brace there once more text has come.
+        const size_t end = at == std::string::npos ? buffer.size() : at;
+        if (end > start + 2)
+        {
+            consume(end - 2 - start);
+        }
+        searched = end - start;
+        if (!fill())
+        {
+            consume(buffer.size() - start);
+            return;
+        }
     }
-};
+}
+
+namespace
+{
 
 bool isHexRowName(const std::string& name)
 {
@@ -179,11 +359,6 @@ std::optional<unsigned> hexOctet(std::string_view cell)
 }
 
 } // namespace
-
-ReadResult readReport(std::string_view text)
-{
-    return Reader(text).readAll();
-}
 
 std::optional<std::vector<unsigned>> decodeHexRows(const Node& group)
 {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <istream>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -32,19 +33,49 @@ struct ReadProblem
 {
     int line = 0;
     std::string reason;
+    // Damage: text that is no document, skipped up to the next document's
+    // start. Otherwise a note on text the collector is known to leave
+    // unbalanced, read on regardless.
+    bool damage = true;
 };
 
-struct ReadResult
+// Groups nested deeper than this are damage: the collector writes three
+// levels (document, drive, log page).
+inline constexpr int maxGroupDepth = 16;
+
+// Reads the documents of a report file one at a time: appended runs back to
+// back, unescaped names, a comma after every member. Only the document being
+// read is held in memory. After damage (a run cut short, a name with a line
+// break) the reader names it and goes on at the next document's start.
+class ReportReader
 {
-    std::vector<Document> documents;
-    std::optional<ReadProblem> damage;
-    // Text the collector is known to leave unbalanced, read on regardless.
-    std::vector<ReadProblem> notes;
-};
+public:
+    explicit ReportReader(std::istream& in) : in(in)
+    {}
 
-// Reads every document of a report file: appended runs back to back,
-// unescaped names, a comma after every member.
-ReadResult readReport(std::string_view text);
+    // The next complete document; nothing at the end of the input. The
+    // problems met on the way are in problems() until the next call.
+    std::optional<Document> next();
+
+    const std::vector<ReadProblem>& problems() const
+    {
+        return found;
+    }
+
+private:
+    std::istream& in;
+    std::string buffer;
+    size_t start = 0; // first unread octet of `buffer`
+    int line = 1;     // line number of buffer[start]
+    bool atEnd = false;
+    std::vector<ReadProblem> found;
+
+    bool fill();
+    bool skipBlanks();
+    void consume(size_t count);
+    bool opensDocument(size_t at) const;
+    void skipToNextDocument();
+};
 
 // Octets of a group made only of hex rows ("000010": "0a 0b ..."), in row
 // order; nothing when the group is not such a dump.

@@ -2,6 +2,9 @@
 
 #include <algorithm>
 #include <cctype>
+#include <charconv>
+#include <cstdint>
+#include <filesystem>
 #include <fstream>
 #include <iomanip>
 #include <sstream>
@@ -34,15 +37,14 @@ void writeJsonString(std::ostream& out, std::string_view text)
     out << '"';
 }
 
-// Digit strings become JSON numbers verbatim, so 64-bit counters stay exact.
+// Unsigned 64-bit values in their plain decimal form become JSON numbers
+// verbatim, so counters stay exact; any other text stays a string.
 bool isJsonNumber(const std::string& text)
 {
-    return !text.empty() && text.size() <= 20 &&
-           std::ranges::all_of(
-               text,
-               [](char c) {
-                   return std::isdigit(static_cast<unsigned char>(c)) != 0;
-               }) &&
+    uint64_t value = 0;
+    const char* end = text.data() + text.size();
+    auto [stop, error] = std::from_chars(text.data(), end, value);
+    return error == std::errc() && stop == end &&
            (text == "0" || text.front() != '0');
 }
 
@@ -319,6 +321,54 @@ void writeTableRows(std::ostream& out, const std::vector<DriveHealth>& drives)
     }
 }
 
+namespace
+{
+
+// Writes every document of one report file; false when the file cannot be
+// read or holds damage. A FIFO, a device or a directory is refused: a report
+// is a regular file, and reading the others may never end.
+bool readReportFile(const std::string& file, Format format, std::ostream& out,
+                    std::ostream& err)
+{
+    std::error_code error;
+    if (!std::filesystem::is_regular_file(file, error))
+    {
+        err << file << ": not a regular file\n";
+        return false;
+    }
+    std::ifstream in(file, std::ios::binary);
+    if (!in)
+    {
+        err << file << ": cannot be read\n";
+        return false;
+    }
+    ReportReader reader(in);
+    bool intact = true;
+    for (;;)
+    {
+        auto document = reader.next();
+        for (const auto& problem : reader.problems())
+        {
+            err << file << ':' << problem.line << ": "
+                << (problem.damage ? "" : "note: ") << problem.reason << '\n';
+            intact = intact && !problem.damage;
+        }
+        if (!document)
+        {
+            break;
+        }
+        writeDocument(out, format, file, *document);
+    }
+    if (in.bad())
+    {
+        err << file << ": read error\n";
+        intact = false;
+    }
+    return intact;
+}
+
+} // namespace
+
 int runReportTool(std::span<const std::string> args, std::ostream& out,
                   std::ostream& err)
 {
@@ -338,29 +388,8 @@ int runReportTool(std::span<const std::string> args, std::ostream& out,
     int status = exitOk;
     for (const auto& file : options->files)
     {
-        std::ifstream in(file, std::ios::binary);
-        if (!in)
+        if (!readReportFile(file, options->format, out, err))
         {
-            err << file << ": cannot be read\n";
-            status = exitDamaged;
-            continue;
-        }
-        std::ostringstream text;
-        text << in.rdbuf();
-        ReadResult result = readReport(text.str());
-        for (const auto& document : result.documents)
-        {
-            writeDocument(out, options->format, file, document);
-        }
-        for (const auto& note : result.notes)
-        {
-            err << file << ':' << note.line << ": note: " << note.reason
-                << '\n';
-        }
-        if (result.damage)
-        {
-            err << file << ':' << result.damage->line << ": "
-                << result.damage->reason << '\n';
             status = exitDamaged;
         }
     }
