@@ -256,9 +256,10 @@ namespace dlog
 namespace
 {
 
-// Test hook: DLOG_RAISE_AT=<text> raises SIGUSR1 in the calling process
-// right after the first record containing <text> is written, so tests can
-// deliver a cancel signal at an exact point of a run.
+// Test hook: DLOG_RAISE_AT=<text> raises SIGUSR1 (or the signal number in
+// DLOG_RAISE_SIGNAL) in the calling process right after the first record
+// containing <text> is written, so tests can deliver a cancel signal, or
+// kill the run, at an exact point.
 void raiseAtMarker(const std::string& text)
 {
     static bool raised = false;
@@ -267,7 +268,8 @@ void raiseAtMarker(const std::string& text)
         text.find(marker) != std::string::npos)
     {
         raised = true;
-        ::raise(SIGUSR1);
+        const char* chosen = std::getenv("DLOG_RAISE_SIGNAL");
+        ::raise(chosen != nullptr ? std::atoi(chosen) : SIGUSR1);
     }
 }
 

@@ -91,15 +91,18 @@ RunResult CollectorTest::run(const Server& server,
                     << entry.path();
                 // The report reader must take every report the collector
                 // writes.
-                auto reader =
-                    testsupport::runProgram(testsupport::targetCommand(
-                        {QV_SMART_REPORT_PATH, "--format", "json",
-                         entry.path().string()}));
+                auto reader = readWithReportTool(entry.path().string());
                 EXPECT_EQ(reader.exitCode, 0) << entry.path() << reader.err;
             }
         }
     }
     return result;
+}
+
+RunResult readWithReportTool(const std::string& file)
+{
+    return testsupport::runProgram(testsupport::targetCommand(
+        {QV_SMART_REPORT_PATH, "--format", "json", file}));
 }
 
 namespace

@@ -82,6 +82,9 @@ protected:
     std::unique_ptr<testsupport::Simulator> sim;
 };
 
+// qv-smart-report --format json over a report file of the host.
+RunResult readWithReportTool(const std::string& file);
+
 // Why `text` is not a sequence of report documents (objects of quoted
 // names whose values are quoted texts or further objects, a comma allowed
 // after every member); empty when it is one.

@@ -571,6 +571,37 @@ TEST_F(FaultMatrix, RunsStartedTogetherTakeTurns)
     EXPECT_EQ(malformation(logs), "");
 }
 
+// A run killed mid-document (SIGKILL, a service stop, the OOM killer) leaves
+// its text cut short; the next run appends a whole document after it, and
+// the reader prints every complete document around the damage.
+TEST_F(FaultMatrix, KilledRunThenACompleteOne)
+{
+    expectWellFormed = false;
+    Server server = baseServer();
+    server.rawData("SSD", {{"dataLength", 65536}});
+    auto killed = runSeeded(
+        server, {"0"},
+        {{"DLOG_RAISE_AT", "Exit hexdump"}, {"DLOG_RAISE_SIGNAL", "9"}});
+    EXPECT_EQ(killed.result.termSignal, SIGKILL);
+    const std::string full = rawDocument(countingRows(65536));
+    ASSERT_LT(killed.raw.size(), full.size());
+    EXPECT_EQ(killed.raw, full.substr(0, killed.raw.size()));
+    auto complete = run(server, {"0"});
+    ASSERT_EQ(complete.exitCode, 0) << complete.err;
+    EXPECT_EQ(added(rawData(), earlierRaw), killed.raw + full);
+    const std::string file = root->hostPath(testsupport::smartRawDataPath);
+    auto reader = readWithReportTool(file);
+    // Where the cut lies depends on the stream's buffer: only that the
+    // damage is named, once.
+    EXPECT_EQ(reader.exitCode, 1);
+    EXPECT_EQ(reader.err.rfind(file + ":", 0), 0u) << reader.err;
+    EXPECT_EQ(std::count(reader.err.begin(), reader.err.end(), '\n'), 1)
+        << reader.err;
+    ASSERT_EQ(std::count(reader.out.begin(), reader.out.end(), '\n'), 2)
+        << reader.out.substr(0, 300);
+    EXPECT_NE(reader.out.find("EARLIER-RAW"), std::string::npos);
+}
+
 // A report path that is not a regular file is refused as an unopenable one
 // is: a symlink is not followed, a FIFO does not block the run.
 TEST_F(FaultMatrix, ReportPathsThatAreNotRegularFiles)
