@@ -82,12 +82,18 @@ private:
         throw Damage{line, reason};
     }
 
-    [[noreturn]] void endOfText(const char* inside) const
+    // The text ran out: more of the file may settle what it holds.
+    void askForMore() const
     {
         if (!complete)
         {
             throw NeedMore{};
         }
+    }
+
+    [[noreturn]] void endOfText(const char* inside) const
+    {
+        askForMore();
         fail(std::string("file ends inside ") + inside);
     }
 
@@ -110,10 +116,7 @@ private:
         {
             return true;
         }
-        if (!complete)
-        {
-            throw NeedMore{};
-        }
+        askForMore();
         return false;
     }
 
@@ -164,10 +167,7 @@ private:
                 return value;
             }
         }
-        if (!complete)
-        {
-            throw NeedMore{};
-        }
+        askForMore();
         fail("unterminated quoted text");
     }
 
