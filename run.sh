@@ -5,6 +5,7 @@
 #   ./run.sh fuzz [SECONDS]   run each fuzz target longer (default 300 s)
 #   ./run.sh test-aarch64     cross-build for AArch64, run the tests under qemu
 #   ./run.sh bench [RUNS]     the collector against its floor (bench/README.md)
+#   ./run.sh mutate [PATTERN] the suite against realistic bugs (tests/README.md)
 set -euo pipefail
 
 here=$(cd "$(dirname "$0")" && pwd)
@@ -14,7 +15,7 @@ packages=(
     g++ pkg-config meson ninja-build
     libsystemd-dev dbus-daemon
     libgtest-dev libgmock-dev nlohmann-json3-dev
-    util-linux coreutils valgrind systemd
+    util-linux coreutils valgrind systemd bubblewrap
     clang libclang-rt-14-dev
     python3-inflection python3-mako python3-yaml
 )
@@ -84,6 +85,62 @@ compileSanitized() {
     ninja -C "$sanitized"
 }
 
+# demo SCENARIO: a private dbus-daemon, the simulator serving SCENARIO and
+# one collection-mode run of the collector, whose fixed report paths land in
+# a scratch directory through bubblewrap; then both reports, the exit code
+# and the reader's health view.
+demo() {
+    demoScratch=$(mktemp -d)
+    trap 'kill $(jobs -p) 2>/dev/null; wait; rm -rf "$demoScratch"' EXIT
+    local scratch=$demoScratch
+    local reports="$scratch/mmc2/qvcollection/vok/storagelog"
+    mkdir -p "$reports"
+    # An abstract socket: reachable from inside the collector's sandbox.
+    printf '%s' "<busconfig><type>system</type>
+<listen>unix:abstract=$scratch/bus</listen>"'
+<auth>EXTERNAL</auth><policy context="default"><allow user="*"/>
+<allow own="*"/><allow send_destination="*" eavesdrop="true"/>
+<allow receive_sender="*"/></policy></busconfig>' \
+        > "$scratch/bus.conf"
+    dbus-daemon --config-file="$scratch/bus.conf" --nofork --nopidfile \
+        --print-address > "$scratch/address" 2>/dev/null &
+    waitForLine "$scratch/address"
+    export DBUS_SYSTEM_BUS_ADDRESS DBUS_STARTER_BUS_TYPE=system
+    DBUS_SYSTEM_BUS_ADDRESS=$(head -n1 "$scratch/address")
+    cp "$1" "$scratch/scenario.json"
+    "$build/tools/storage-sim/storage-sim" --scenario "$1" > "$scratch/sim" &
+    waitForLine "$scratch/sim"
+    local rc=0
+    PLATFORM_SMART_TABLES="$scratch/scenario.json" DLOG_FILE="$scratch/dlog.log" \
+        bwrap --ro-bind /usr /usr --symlink usr/lib /lib \
+        --symlink usr/lib64 /lib64 --symlink usr/bin /bin --ro-bind /etc /etc \
+        --dev /dev --proc /proc --bind "$scratch" "$scratch" \
+        --bind "$scratch/mmc2" /mmc2 --ro-bind "$build" "$build" \
+        "$build/qvcollectors/qv-smart-collector" 0 || rc=$?
+    local report
+    for report in SmartLogs.json SmartRawData.json; do
+        echo "==== /mmc2/qvcollection/vok/storagelog/$report ===="
+        cat "$reports/$report" 2>/dev/null || echo "(not written)"
+        echo
+    done
+    echo "==== diagnostic log: $(wc -l < "$scratch/dlog.log") records ===="
+    echo "exit code: $rc"
+    echo "==== qv-smart-report ===="
+    "$build/tools/qv-smart-report/qv-smart-report" \
+        "$reports/SmartLogs.json" "$reports/SmartRawData.json"
+    return $rc
+}
+
+waitForLine() {
+    local tries
+    for tries in $(seq 100); do
+        [ -s "$1" ] && return 0
+        sleep 0.05
+    done
+    echo "run.sh: $1 stayed empty" >&2
+    return 1
+}
+
 # runTests DIR [meson test options]: runs tests of one build; adds to the
 # totals.
 passedTotal=0
@@ -132,7 +189,7 @@ case "${1:-}" in
             cat "$here/.demo-build.log" >&2
             exit 1
         }
-        exec "$build/tests/e2e/qv-demo" "$here/tests/scenarios/demo.json"
+        demo "$here/tools/storage-sim/scenarios/demo.json"
         ;;
     test-aarch64)
         # The controller's CPU: everything cross-built, every test run under
@@ -172,17 +229,24 @@ case "${1:-}" in
         scenarios="$build/bench/scenarios"
         for drives in 8 64 256 1024; do
             python3 "$here/bench/make-scenario.py" \
-                "$here/tests/scenarios/demo.json" "$drives" "$scenarios"
+                "$here/tools/storage-sim/scenarios/demo.json" "$drives" "$scenarios"
         done
         exec "$build/bench/qv-bench" --runs "${2:-15}" --busctl-runs 3 \
             "$scenarios" 8 64 256 1024
+        ;;
+    mutate)
+        # Not part of `test`: one build and one suite run per mutation.
+        installPackages rsync
+        unpackSdbusplus
+        exec "$here/tests/mutate/run-mutations.sh" "$here" \
+            "$here/build-mutate" "${2:-}"
         ;;
     fuzz)
         installPackages
         exec "$here/tests/fuzz/run-fuzz.sh" "${2:-300}"
         ;;
     *)
-        echo "usage: $0 demo|test|test-aarch64|fuzz [SECONDS]|bench [RUNS]" >&2
+        echo "usage: $0 demo|test|test-aarch64|fuzz [SECONDS]|bench [RUNS]|mutate [PATTERN]" >&2
         exit 64
         ;;
 esac

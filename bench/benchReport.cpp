@@ -9,8 +9,6 @@ namespace bench
 namespace
 {
 
-using testsupport::Measurement;
-
 double median(std::vector<double> values)
 {
     if (values.empty())

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "childProcess.hpp"
+#include "measure.hpp"
 
 #include <cstdint>
 #include <string>
@@ -14,24 +14,24 @@ struct SizeResult
 {
     int drives = 0;
     size_t roundTrips = 0;
-    std::vector<testsupport::Measurement> baseline; // /bin/true, same launch
-    std::vector<testsupport::Measurement> floor;
-    std::vector<testsupport::Measurement> collector;
-    std::vector<testsupport::Measurement> busctl;
+    std::vector<Measurement> baseline; // /bin/true, same launch
+    std::vector<Measurement> floor;
+    std::vector<Measurement> collector;
+    std::vector<Measurement> busctl;
     std::uintmax_t reportBytes = 0; // both reports of one collector run
 };
 
 // Median and shortest wall time in milliseconds, largest peak RSS in KiB,
 // median CPU time and its system part in milliseconds.
-double medianWallMs(const std::vector<testsupport::Measurement>& runs);
-double bestWallMs(const std::vector<testsupport::Measurement>& runs);
+double medianWallMs(const std::vector<Measurement>& runs);
+double bestWallMs(const std::vector<Measurement>& runs);
 // The median of collector / floor over runs made back to back: slow spells
 // of a shared machine hit both runs of a pair alike.
-double pairedRatio(const std::vector<testsupport::Measurement>& collector,
-                   const std::vector<testsupport::Measurement>& floor);
-long peakRssKiB(const std::vector<testsupport::Measurement>& runs);
-double medianCpuMs(const std::vector<testsupport::Measurement>& runs);
-double medianSystemMs(const std::vector<testsupport::Measurement>& runs);
+double pairedRatio(const std::vector<Measurement>& collector,
+                   const std::vector<Measurement>& floor);
+long peakRssKiB(const std::vector<Measurement>& runs);
+double medianCpuMs(const std::vector<Measurement>& runs);
+double medianSystemMs(const std::vector<Measurement>& runs);
 
 // Markdown tables of the results, sizes in the order given.
 std::string resultTable(const std::vector<SizeResult>& results);

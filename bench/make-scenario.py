@@ -3,7 +3,7 @@
 
     make-scenario.py TEMPLATE N OUTDIR
 
-TEMPLATE is a scenario such as tests/scenarios/demo.json. Its drives are
+TEMPLATE is a scenario such as tools/storage-sim/scenarios/demo.json. Its drives are
 sorted into five classes (SAS SSD, SATA SSD, SAS HDD, SATA HDD, NVMe) and
 drive i of the new server is a copy of a template drive of class i mod 5,
 renamed, with its table entry, inventory object and storage-service data.

@@ -15,11 +15,8 @@
 
 #include "benchReport.hpp"
 #include "callList.hpp"
-#include "childProcess.hpp"
-#include "collectorRoot.hpp"
-#include "privateBus.hpp"
-#include "simulator.hpp"
-#include "tempDir.hpp"
+#include "measure.hpp"
+#include "testSupport.hpp"
 
 #include <malloc.h>
 
@@ -36,9 +33,15 @@ namespace
 {
 
 namespace fs = std::filesystem;
-using testsupport::CollectorRoot;
-using testsupport::Measurement;
+using bench::Measurement;
 using testsupport::PrivateBus;
+
+// A command line and its environment changes.
+struct Command
+{
+    std::vector<std::string> argv;
+    testsupport::EnvChanges env;
+};
 
 std::string readText(const std::string& path)
 {
@@ -129,13 +132,18 @@ class SizeBench
 public:
     explicit SizeBench(const Setup& setup) : setup(setup)
     {
-        root.expose(fs::path(QV_BENCH_FLOOR_PATH).parent_path());
-        collector = root.prepare({"0"}, bus, setup.tablesFile);
-        floor = {testsupport::targetCommand(
-                     {QV_BENCH_FLOOR_PATH, "/floor-calls.txt"}),
+        // The collector sees only the sandbox's directory of the host's.
+        std::string tables = root.dir() + "/tables.json";
+        fs::copy_file(setup.tablesFile, tables);
+        collector = {root.collectorCommand({"0"}),
+                     root.collectorEnvironment(bus, tables)};
+        floor = {root.confine(testsupport::targetCommand(
+                                  {QV_BENCH_FLOOR_PATH, floorCalls()}),
+                              fs::path(QV_BENCH_FLOOR_PATH).parent_path()),
                  bus.environment()};
-        script = {{"/bin/sh", "/busctl.sh"}, bus.environment()};
-        baseline = {{"/bin/true"}, bus.environment()};
+        script = {root.confine({"/bin/sh", busctlScript()}, {}),
+                  bus.environment()};
+        baseline = {root.confine({"/bin/true"}, {}), bus.environment()};
     }
 
     // Runs everything once against a recording simulator; returns the number
@@ -150,8 +158,8 @@ public:
 
         expectSuccess(runInRoot(collector), "the collector");
         auto calls = newLines(log, seen);
-        root.write("/floor-calls.txt", bench::floorCallList(calls));
-        root.write("/busctl.sh", bench::busctlScript(calls));
+        std::ofstream(floorCalls()) << bench::floorCallList(calls);
+        std::ofstream(busctlScript()) << bench::busctlScript(calls);
 
         expectSuccess(runInRoot(floor), "the floor client");
         expectSameCalls(calls, newLines(log, seen), "the floor client");
@@ -187,25 +195,33 @@ private:
     const Setup& setup;
     testsupport::TempDir scratch;
     PrivateBus bus;
-    CollectorRoot root;
-    CollectorRoot::Command collector;
-    CollectorRoot::Command floor;
-    CollectorRoot::Command script;
-    CollectorRoot::Command baseline;
+    testsupport::Sandbox root;
+    Command collector;
+    Command floor;
+    Command script;
+    Command baseline;
 
-    testsupport::RunResult runInRoot(const CollectorRoot::Command& command)
+    std::string floorCalls() const
     {
-        return testsupport::runProgram(command.argv, command.env,
-                                       std::chrono::minutes(5),
-                                       &root.confinement());
+        return root.dir() + "/floor-calls.txt";
     }
 
-    Measurement measureOne(const CollectorRoot::Command& command,
-                           const char* who)
+    std::string busctlScript() const
+    {
+        return root.dir() + "/busctl.sh";
+    }
+
+    static testsupport::RunResult runInRoot(const Command& command)
+    {
+        return testsupport::runProgram(command.argv, command.env,
+                                       std::chrono::minutes(5));
+    }
+
+    Measurement measureOne(const Command& command, const char* who)
     {
         std::string errors = scratch.path() + "/stderr.txt";
-        auto measured = testsupport::measureProgram(
-            command.argv, command.env, errors, &root.confinement());
+        auto measured =
+            bench::measureProgram(command.argv, command.env, errors);
         if (measured.exitCode != 0)
         {
             throw std::runtime_error(std::string(who) + " failed (exit code " +

@@ -21,7 +21,8 @@ namespace
 constexpr uint64_t maxArrayLength = 64U * 1024U * 1024U;
 
 const std::initializer_list<std::string_view> faultMembers = {
-    "error", "delayMs", "noReply", "reply", "extra", "signalCaller"};
+    "error", "delayMs",      "noReply", "reply",
+    "extra", "signalCaller", "fromCall"};
 
 // A JSON value together with where it sits in the file, so every complaint
 // can name the member at fault.
@@ -206,6 +207,7 @@ Fault parseFault(const Node& node)
     {
         node.member("signalCaller").fail("not a signal number");
     }
+    fault.fromCall = node.integerOr<uint32_t>("fromCall", 1);
     if (node.has("reply"))
     {
         fault.reply = parseBody(node.member("reply"));

@@ -54,7 +54,8 @@ struct Fault
     std::optional<DbusError> error;
     std::chrono::milliseconds delay{0};
     bool noReply = false;
-    int signalCaller = 0; // sent to the caller when its call arrives
+    int signalCaller = 0;  // sent to the caller when its call arrives
+    uint32_t fromCall = 1; // earlier calls of the handler are answered normally
     std::optional<Body> reply;
     std::optional<Body> extra;
 };

@@ -462,9 +462,15 @@ bool Server::driveMethod(sd_bus_message* call)
     return true;
 }
 
-void Server::respond(sd_bus_message* call, const Fault& fault,
+void Server::respond(sd_bus_message* call, const Fault& faultOfHandler,
                      const Outcome& normal)
 {
+    static const Fault none;
+    const Fault& fault =
+        faultOfHandler.fromCall > 1 &&
+                ++callsMet[&faultOfHandler] < faultOfHandler.fromCall
+            ? none
+            : faultOfHandler;
     signalCaller(call, fault);
     if (fault.noReply || sd_bus_message_get_expect_reply(call) <= 0)
     {

@@ -7,6 +7,7 @@
 #include <fstream>
 #include <functional>
 #include <list>
+#include <map>
 #include <set>
 #include <string>
 #include <utility>
@@ -60,6 +61,8 @@ private:
     std::list<PendingReply> pending;
     // Faults whose signal has been sent: each signals one call only.
     std::set<const Fault*> signalled;
+    // Calls each fault's handler has had, for faults that start later.
+    std::map<const Fault*, uint32_t> callsMet;
     std::ofstream callLog;
 
     static int onMessage(sd_bus_message* call, void* userdata,

@@ -1,0 +1,77 @@
+#include "measure.hpp"
+
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+
+namespace bench
+{
+namespace
+{
+
+std::chrono::microseconds toMicroseconds(const timeval& time)
+{
+    return std::chrono::seconds(time.tv_sec) +
+           std::chrono::microseconds(time.tv_usec);
+}
+
+std::vector<char*> pointersTo(std::vector<std::string>& strings)
+{
+    std::vector<char*> result;
+    for (auto& item : strings)
+    {
+        result.push_back(item.data());
+    }
+    result.push_back(nullptr);
+    return result;
+}
+
+} // namespace
+
+Measurement measureProgram(const std::vector<std::string>& argv,
+                           const testsupport::EnvChanges& env,
+                           const std::string& errorFile)
+{
+    int outFd = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    int errFd =
+        open(errorFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (outFd < 0 || errFd < 0)
+    {
+        throw std::runtime_error("cannot open " + errorFile + ": " +
+                                 std::strerror(errno));
+    }
+    auto args = argv;
+    auto environment = testsupport::environmentWith(env);
+    auto argp = pointersTo(args);
+    auto envp = pointersTo(environment);
+    auto started = std::chrono::steady_clock::now();
+    pid_t pid = fork();
+    if (pid == 0)
+    {
+        dup2(outFd, STDOUT_FILENO);
+        dup2(errFd, STDERR_FILENO);
+        execvpe(argp[0], argp.data(), envp.data());
+        _exit(127);
+    }
+    close(outFd);
+    close(errFd);
+    int status = 0;
+    rusage usage{};
+    while (wait4(pid, &status, 0, &usage) < 0 && errno == EINTR)
+    {}
+    Measurement result;
+    result.wallTime = std::chrono::steady_clock::now() - started;
+    result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    result.termSignal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
+    result.systemTime = toMicroseconds(usage.ru_stime);
+    result.cpuTime = toMicroseconds(usage.ru_utime) + result.systemTime;
+    result.peakRssKiB = usage.ru_maxrss;
+    return result;
+}
+
+} // namespace bench

@@ -1,0 +1,516 @@
+// Runs the cases of the JSON case files: each one serves a scenario on a
+// private bus, runs the shipped collector in a sandbox over report files
+// that already hold an earlier document, and checks exit codes, log records
+// and the bytes appended to every file it names. tests/README.md describes
+// the case format.
+#include "testSupport.hpp"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <cctype>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <map>
+#include <optional>
+#include <regex>
+#include <sstream>
+
+namespace
+{
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+using testsupport::readFile;
+using testsupport::RunResult;
+using testsupport::Sandbox;
+
+const std::string earlierLogs = "{\n\"EARLIER-LOGS\":\n{\n}\n}";
+const std::string earlierRaw = "{\n\"EARLIER-RAW\":\n{\n}\n}";
+
+json loadCases()
+{
+    json all = json::array();
+    for (const char* file : {COLLECTOR_CASES, READER_CASES})
+    {
+        json doc = json::parse(readFile(file));
+        for (auto& c : doc.at("cases"))
+        {
+            c["servers"] = doc.value("servers", json::object());
+            all.push_back(c);
+        }
+    }
+    return all;
+}
+
+// Expected text: a string, or an array of pieces joined, where "@name"
+// stands for the file `name` of the expected directory, "@name:N" for its
+// first N octets, and {"repeat": text, "times": n} for text n times over.
+std::string textOf(const json& pieces)
+{
+    std::string text;
+    if (pieces.is_array())
+    {
+        for (const auto& piece : pieces)
+        {
+            text += textOf(piece);
+        }
+    }
+    else if (pieces.is_object())
+    {
+        for (int i = 0; i < pieces.at("times").get<int>(); ++i)
+        {
+            text += pieces.at("repeat").get<std::string>();
+        }
+    }
+    else if (auto piece = pieces.get<std::string>(); piece.starts_with("@"))
+    {
+        auto colon = piece.find(':');
+        text = readFile(std::string(EXPECTED_DIR) + "/" +
+                        piece.substr(1, colon - 1));
+        if (colon != std::string::npos)
+        {
+            text.resize(std::stoul(piece.substr(colon + 1)));
+        }
+    }
+    else
+    {
+        text = piece;
+    }
+    return text;
+}
+
+std::string substituted(std::string text,
+                        const std::map<std::string, std::string>& values)
+{
+    for (const auto& [name, value] : values)
+    {
+        for (size_t at = text.find(name); at != std::string::npos;
+             at = text.find(name, at + value.size()))
+        {
+            text.replace(at, name.size(), value);
+        }
+    }
+    return text;
+}
+
+// `value` put where the JSON pointer says; a '*' stands for every element.
+void place(json& doc, const std::string& pointer, const json& value)
+{
+    auto star = pointer.find('*');
+    if (star == std::string::npos)
+    {
+        doc[json::json_pointer(pointer)] = value;
+        return;
+    }
+    auto& list = doc[json::json_pointer(pointer.substr(0, star - 1))];
+    for (size_t i = 0; i < list.size(); ++i)
+    {
+        place(doc,
+              pointer.substr(0, star) + std::to_string(i) +
+                  pointer.substr(star + 1),
+              value);
+    }
+}
+
+// The named server with the case's changes; "inventory" rows
+// [name, fqdd, protocol, attributes] become drive objects.
+json scenarioOf(const json& c)
+{
+    json doc = c.value("server", json("base"));
+    if (doc.is_string())
+    {
+        doc = c.at("servers").at(doc.get<std::string>());
+    }
+    for (const auto& row : doc.value("inventory", json::array()))
+    {
+        doc["objects"].push_back({{"path", "/com/kest/omrix/storage/drive/" +
+                                               row[0].get<std::string>()},
+                                  {"interfaces",
+                                   {{"com.kest.omrix.storage.drive.inventory",
+                                     {{"Fqdd", {"s", row[1]}},
+                                      {"Protocol", {"u", row[2]}},
+                                      {"Attributes", {"u", row[3]}}}}}}});
+    }
+    doc.erase("inventory");
+    const json changes = c.value("set", json::object());
+    for (const auto& [pointer, value] : changes.items())
+    {
+        place(doc, pointer, value);
+    }
+    return doc;
+}
+
+// A zone whose date differs from the UTC date right now, and its date.
+std::string awayZone()
+{
+    std::time_t now = std::time(nullptr);
+    std::tm utc{};
+    gmtime_r(&now, &utc);
+    return utc.tm_hour >= 10 ? "UTC-14" : "UTC+12";
+}
+
+std::string localDate(const std::optional<std::string>& zone)
+{
+    const char* saved = std::getenv("TZ");
+    std::string before = saved != nullptr ? saved : "";
+    if (zone)
+    {
+        setenv("TZ", zone->c_str(), 1);
+    }
+    tzset();
+    std::time_t now = std::time(nullptr);
+    std::tm local{};
+    localtime_r(&now, &local);
+    char text[16] = {};
+    std::strftime(text, sizeof(text), "%Y%m%d", &local);
+    if (saved != nullptr)
+    {
+        setenv("TZ", before.c_str(), 1);
+    }
+    else
+    {
+        unsetenv("TZ");
+    }
+    tzset();
+    return text;
+}
+
+// A log record as the table writes it: "function: text" stands for the
+// collector's own record of that function at level 9.
+std::string recordOf(const std::string& line)
+{
+    return std::isdigit(static_cast<unsigned char>(line[0])) != 0
+               ? line
+               : "9|171|qvDbusCollectSmartData.L." + line;
+}
+
+class CaseRun
+{
+public:
+    explicit CaseRun(const json& c) : c(c)
+    {
+        seed(testsupport::smartLogsPath, earlierLogs);
+        seed(testsupport::smartRawDataPath, earlierRaw);
+        for (const auto& step : c.value("setup", json::array()))
+        {
+            prepare(step);
+        }
+    }
+
+    void run()
+    {
+        std::optional<testsupport::PrivateBus> bus;
+        std::optional<testsupport::Simulator> simulator;
+        std::string scenario = sandbox.dir() + "/scenario.json";
+        if (!c.contains("server") || !c["server"].is_null())
+        {
+            std::ofstream(scenario) << scenarioOf(c).dump();
+            bus.emplace();
+            simulator.emplace(scenario, *bus);
+        }
+        json runs = c.value("runs", json::array({c}));
+        std::vector<std::future<RunResult>> started;
+        for (const auto& r : bus ? runs : json::array())
+        {
+            auto env = environment(r);
+            auto args = r.value("args", std::vector<std::string>{"0"});
+            auto launch = c.value("together", false) ? std::launch::async
+                                                     : std::launch::deferred;
+            started.push_back(std::async(launch, [&, env, args] {
+                return sandbox.run(args, *bus, scenario, env);
+            }));
+        }
+        for (size_t i = 0; i < started.size(); ++i)
+        {
+            check(runs[i], started[i].get());
+        }
+    }
+
+    void checkLog() const
+    {
+        auto records = logRecords();
+        auto has = [&](const std::string& line) {
+            return std::find(records.begin(), records.end(),
+                             substituted(recordOf(line), {{"{date}", date}})) !=
+                   records.end();
+        };
+        for (const auto& line : c.value("log", json::array()))
+        {
+            EXPECT_TRUE(has(line)) << line << "\nin the log:\n" << logText();
+        }
+        for (const auto& line : c.value("notLogged", json::array()))
+        {
+            EXPECT_FALSE(has(line)) << line;
+        }
+    }
+
+    void checkFiles()
+    {
+        expectFile(testsupport::smartLogsPath, c.value("logs", json("")));
+        expectFile(testsupport::smartRawDataPath, c.value("raw", json("")));
+        json daily = json::array();
+        const json files = c.value("files", json::object());
+        for (const auto& [path, want] : files.items())
+        {
+            std::string inside = substituted(path, {{"{date}", date}});
+            expectFile(inside, want);
+            if (inside.starts_with(testsupport::dailyDir))
+            {
+                daily.push_back(inside);
+            }
+        }
+        json written = json::array();
+        std::error_code ec;
+        for (const auto& entry : fs::directory_iterator(
+                 sandbox.hostPath(testsupport::dailyDir), ec))
+        {
+            written.push_back(testsupport::dailyDir +
+                              entry.path().filename().string());
+        }
+        std::sort(written.begin(), written.end());
+        std::sort(daily.begin(), daily.end());
+        EXPECT_EQ(written, daily) << "dated files";
+    }
+
+    void checkReader() const
+    {
+        if (c.contains("reader"))
+        {
+            const auto& r = c["reader"];
+            auto result = readReports(r.at("args"));
+            EXPECT_EQ(result.exitCode, r.value("exit", 0)) << result.err;
+            expectText("standard output", result.out,
+                       r.value("stdout", json()));
+            expectText("standard error", result.err,
+                       r.value("stderr", json("")));
+        }
+        else if (allSucceeded && !c.value("unbalanced", false))
+        {
+            // The reader must take every report the collector writes.
+            auto result = readReports({"--format", "json", "{logs}", "{raw}"});
+            EXPECT_EQ(result.exitCode, 0) << result.err;
+        }
+    }
+
+private:
+    const json& c;
+    Sandbox sandbox;
+    std::map<std::string, std::string> seeded;
+    std::string date;
+    bool allSucceeded = true;
+
+    void seed(const std::string& inside, const std::string& text)
+    {
+        seeded[inside] = text;
+        std::ofstream(sandbox.hostPath(inside), std::ios::binary) << text;
+    }
+
+    void prepare(const json& step)
+    {
+        auto what = step.at(0).get<std::string>();
+        auto inside = step.at(1).get<std::string>();
+        auto host = sandbox.hostPath(inside);
+        fs::create_directories(fs::path(host).parent_path());
+        if (what == "readOnly" || what == "smallDisk")
+        {
+            mount(what, inside, step);
+            return;
+        }
+        fs::remove_all(host);
+        seeded.erase(inside);
+        if (what == "write")
+        {
+            seed(inside, textOf(step.at(2)));
+        }
+        else if (what == "directory")
+        {
+            fs::create_directory(host);
+        }
+        else if (what == "fifo")
+        {
+            ASSERT_EQ(mkfifo(host.c_str(), 0644), 0);
+        }
+        else if (what == "symlink")
+        {
+            fs::create_symlink(step.at(2).get<std::string>(), host);
+        }
+        else if (what != "remove")
+        {
+            FAIL() << "unknown setup step " << what;
+        }
+    }
+
+    void mount(const std::string& what, const std::string& inside,
+               const json& step)
+    {
+        if (what == "readOnly")
+        {
+            sandbox.readOnly(inside);
+        }
+        else if (what == "smallDisk")
+        {
+            sandbox.smallDisk(inside, step.at(2).get<size_t>());
+            for (const auto& [path, text] : seeded)
+            {
+                seed(path, text);
+            }
+        }
+    }
+
+    testsupport::EnvChanges environment(const json& r)
+    {
+        testsupport::EnvChanges env;
+        const json variables = r.value("env", json::object());
+        for (const auto& [name, value] : variables.items())
+        {
+            env[name] = value == "{awayZone}"
+                            ? awayZone()
+                            : substituted(value, placeholders());
+        }
+        date = localDate(env.contains("TZ") ? env["TZ"] : std::nullopt);
+        return env;
+    }
+
+    void check(const json& r, const RunResult& result)
+    {
+        EXPECT_EQ(result.exitCode, r.value("exit", 0)) << result.err;
+        EXPECT_EQ(result.termSignal, r.value("signal", 0));
+        allSucceeded = allSucceeded && result.exitCode == 0;
+        if (r.contains("stderr"))
+        {
+            EXPECT_EQ(result.err, textOf(r["stderr"]));
+        }
+    }
+
+    std::vector<std::string> logRecords() const
+    {
+        static const std::regex lineNumber(
+            R"(\|(qvDbusCollect[A-Za-z]+)\.[0-9]+([.:]))");
+        std::vector<std::string> records;
+        std::istringstream in(logText());
+        for (std::string line; std::getline(in, line);)
+        {
+            records.push_back(std::regex_replace(line, lineNumber, "|$1.L$2"));
+        }
+        return records;
+    }
+
+    std::string logText() const
+    {
+        return readFile(sandbox.dir() + "/dlog.log");
+    }
+
+    RunResult readReports(const json& args) const
+    {
+        std::vector<std::string> argv{QV_SMART_REPORT_PATH};
+        for (const auto& arg : args)
+        {
+            argv.push_back(substituted(arg, placeholders()));
+        }
+        return testsupport::runProgram(testsupport::targetCommand(argv));
+    }
+
+    std::map<std::string, std::string> placeholders() const
+    {
+        return {{"{logs}", sandbox.hostPath(testsupport::smartLogsPath)},
+                {"{raw}", sandbox.hostPath(testsupport::smartRawDataPath)},
+                {"{root}", sandbox.hostPath("")}};
+    }
+
+    // A file's whole text is what was seeded plus `want`; null: it does not
+    // exist; an object: partial checks (see expectText), or "kind".
+    void expectFile(const std::string& inside, const json& want)
+    {
+        auto host = sandbox.hostPath(inside);
+        auto status = fs::symlink_status(host);
+        if (want.is_null() || want.contains("kind"))
+        {
+            std::map<std::string, fs::file_type> kinds = {
+                {"fifo", fs::file_type::fifo},
+                {"symlink", fs::file_type::symlink},
+                {"directory", fs::file_type::directory}};
+            EXPECT_EQ(status.type(), want.is_null() ? fs::file_type::not_found
+                                                    : kinds.at(want["kind"]))
+                << inside;
+            return;
+        }
+        EXPECT_EQ(status.type(), fs::file_type::regular) << inside;
+        std::string text = readFile(host);
+        const std::string& before = seeded[inside];
+        ASSERT_EQ(text.substr(0, before.size()), before)
+            << inside << ": earlier bytes lost";
+        expectText(inside, text.substr(before.size()), want);
+    }
+
+    // Whole text, or an object of "head", "tail", "size" and "lines".
+    void expectText(const std::string& what, const std::string& text,
+                    const json& want) const
+    {
+        if (want.is_null())
+        {
+            return;
+        }
+        if (!want.is_object())
+        {
+            EXPECT_EQ(text, substituted(textOf(want), placeholders())) << what;
+            return;
+        }
+        std::string head =
+            substituted(textOf(want.value("head", "")), placeholders());
+        std::string tail = textOf(want.value("tail", ""));
+        EXPECT_EQ(text.substr(0, head.size()), head) << what;
+        EXPECT_EQ(text.substr(text.size() - std::min(text.size(), tail.size())),
+                  tail)
+            << what;
+        EXPECT_EQ(text.size(), want.value("size", text.size())) << what;
+        EXPECT_EQ(
+            std::count(text.begin(), text.end(), '\n'),
+            want.value("lines", std::count(text.begin(), text.end(), '\n')))
+            << what;
+    }
+};
+
+struct Params
+{
+    json c;
+};
+
+void PrintTo(const Params& params, std::ostream* out)
+{
+    *out << params.c.at("name");
+}
+
+std::vector<Params> allCases()
+{
+    std::vector<Params> cases;
+    for (auto& c : loadCases())
+    {
+        cases.push_back({std::move(c)});
+    }
+    return cases;
+}
+
+class Case : public ::testing::TestWithParam<Params>
+{};
+
+TEST_P(Case, Runs)
+{
+    CaseRun run(GetParam().c);
+    run.run();
+    run.checkLog();
+    run.checkFiles();
+    run.checkReader();
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    , Case, ::testing::ValuesIn(allCases()), [](const auto& info) {
+        return info.param.c.at("name").template get<std::string>();
+    });
+
+} // namespace

@@ -1,0 +1,397 @@
+#include "testSupport.hpp"
+
+#include <fcntl.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+namespace testsupport
+{
+namespace fs = std::filesystem;
+
+namespace
+{
+
+[[noreturn]] void fail(const std::string& what)
+{
+    throw std::runtime_error(what + ": " + std::strerror(errno));
+}
+
+std::vector<std::string> words(const std::string& text)
+{
+    std::vector<std::string> result;
+    std::istringstream in(text);
+    for (std::string word; in >> word;)
+    {
+        result.push_back(word);
+    }
+    return result;
+}
+
+std::vector<char*> pointersTo(std::vector<std::string>& strings)
+{
+    std::vector<char*> result;
+    for (auto& item : strings)
+    {
+        result.push_back(item.data());
+    }
+    result.push_back(nullptr);
+    return result;
+}
+
+// Forks and executes `argv`; the child dies with this process. Only
+// async-signal-safe calls run between fork and exec.
+pid_t spawn(std::vector<std::string> argv, const EnvChanges& env, int outFd,
+            int errFd)
+{
+    auto environment = environmentWith(env);
+    auto args = pointersTo(argv);
+    auto envp = pointersTo(environment);
+    pid_t pid = fork();
+    if (pid < 0)
+    {
+        fail("fork");
+    }
+    if (pid == 0)
+    {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        dup2(outFd, STDOUT_FILENO);
+        dup2(errFd, STDERR_FILENO);
+        execvpe(args[0], args.data(), envp.data());
+        _exit(127);
+    }
+    return pid;
+}
+
+std::string readAll(int fd)
+{
+    std::string text;
+    char buffer[65536];
+    lseek(fd, 0, SEEK_SET);
+    for (ssize_t got; (got = read(fd, buffer, sizeof(buffer))) > 0;)
+    {
+        text.append(buffer, static_cast<size_t>(got));
+    }
+    return text;
+}
+
+void decode(int status, RunResult& result)
+{
+    if (WIFEXITED(status))
+    {
+        result.exitCode = WEXITSTATUS(status);
+    }
+    else if (WIFSIGNALED(status))
+    {
+        result.termSignal = WTERMSIG(status);
+    }
+}
+
+} // namespace
+
+std::vector<std::string> environmentWith(const EnvChanges& changes)
+{
+    std::vector<std::string> result;
+    for (char** entry = environ; *entry != nullptr; ++entry)
+    {
+        std::string item(*entry);
+        if (!changes.contains(item.substr(0, item.find('='))))
+        {
+            result.push_back(std::move(item));
+        }
+    }
+    for (const auto& [name, value] : changes)
+    {
+        if (value)
+        {
+            result.push_back(name + "=" + *value);
+        }
+    }
+    return result;
+}
+
+TempDir::TempDir()
+{
+    const char* base = std::getenv("TMPDIR");
+    std::string pattern =
+        std::string(base != nullptr && *base != '\0' ? base : "/tmp") +
+        "/qvtest-XXXXXX";
+    if (mkdtemp(pattern.data()) == nullptr)
+    {
+        fail("mkdtemp");
+    }
+    dirPath = pattern;
+}
+
+TempDir::~TempDir()
+{
+    std::error_code ec;
+    fs::remove_all(dirPath, ec);
+}
+
+std::string TempDir::write(const std::string& name,
+                           const std::string& content) const
+{
+    std::string file = dirPath + "/" + name;
+    fs::create_directories(fs::path(file).parent_path());
+    std::ofstream(file, std::ios::binary) << content;
+    return file;
+}
+
+std::string readFile(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+std::vector<std::string> targetCommand(const std::vector<std::string>& argv)
+{
+    auto command = words(TARGET_WRAPPER);
+    command.insert(command.end(), argv.begin(), argv.end());
+    return command;
+}
+
+RunResult runProgram(const std::vector<std::string>& argv,
+                     const EnvChanges& env, std::chrono::seconds timeout)
+{
+    int outFd = memfd_create("out", MFD_CLOEXEC);
+    int errFd = memfd_create("err", MFD_CLOEXEC);
+    pid_t pid = spawn(argv, env, outFd, errFd);
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    int status = 0;
+    while (waitpid(pid, &status, WNOHANG) == 0)
+    {
+        if (std::chrono::steady_clock::now() > deadline)
+        {
+            kill(pid, SIGKILL);
+            waitpid(pid, &status, 0);
+            close(outFd);
+            close(errFd);
+            throw std::runtime_error(argv.front() + " did not finish in time");
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    RunResult result;
+    decode(status, result);
+    result.out = readAll(outFd);
+    result.err = readAll(errFd);
+    close(outFd);
+    close(errFd);
+    return result;
+}
+
+ChildProcess::ChildProcess(const std::vector<std::string>& argv,
+                           const EnvChanges& env)
+{
+    int fds[2];
+    if (pipe2(fds, O_CLOEXEC) != 0)
+    {
+        fail("pipe2");
+    }
+    int devNull = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    pid = spawn(argv, env, fds[1], devNull);
+    close(devNull);
+    close(fds[1]);
+    outFd = fds[0];
+}
+
+ChildProcess::~ChildProcess()
+{
+    kill(pid, SIGTERM);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    close(outFd);
+}
+
+std::string ChildProcess::firstLine()
+{
+    std::string line;
+    char c = 0;
+    while (read(outFd, &c, 1) == 1 && c != '\n')
+    {
+        line += c;
+    }
+    if (line.empty())
+    {
+        throw std::runtime_error("a child printed no line");
+    }
+    return line;
+}
+
+namespace
+{
+
+std::string busConfig(const std::string& socketName)
+{
+    return "<busconfig><type>system</type><listen>unix:abstract=" + socketName +
+           "</listen><auth>EXTERNAL</auth><policy context=\"default\">"
+           "<allow user=\"*\"/><allow own=\"*\"/>"
+           "<allow send_destination=\"*\" eavesdrop=\"true\"/>"
+           "<allow receive_sender=\"*\"/></policy></busconfig>\n";
+}
+
+} // namespace
+
+// As root the daemon tries to raise its descriptor limit and says so on
+// standard error in a container that forbids it: ChildProcess drops it.
+PrivateBus::PrivateBus() :
+    daemon({"dbus-daemon",
+            "--config-file=" + dir.write("bus.conf", busConfig(dir.path())),
+            "--nofork", "--nopidfile", "--print-address"}),
+    busAddress(daemon.firstLine())
+{}
+
+EnvChanges PrivateBus::environment() const
+{
+    return {{"DBUS_SYSTEM_BUS_ADDRESS", busAddress},
+            {"DBUS_SESSION_BUS_ADDRESS", busAddress},
+            {"DBUS_STARTER_ADDRESS", busAddress},
+            {"DBUS_STARTER_BUS_TYPE", std::string("system")}};
+}
+
+Simulator::Simulator(const std::string& scenarioFile, const PrivateBus& bus) :
+    process(targetCommand({STORAGE_SIM_PATH, "--scenario", scenarioFile}),
+            bus.environment())
+{
+    if (process.firstLine() != "ready")
+    {
+        throw std::runtime_error("storage-sim did not get ready");
+    }
+}
+
+Sandbox::Sandbox()
+{
+    fs::create_directories(hostPath("/mmc2/qvcollection/vok/storagelog"));
+}
+
+Sandbox::~Sandbox()
+{
+    for (const auto& mountPoint : mounts)
+    {
+        umount2(mountPoint.c_str(), MNT_DETACH);
+    }
+}
+
+std::string Sandbox::hostPath(const std::string& inside) const
+{
+    return scratch.path() + "/root" + inside;
+}
+
+void Sandbox::readOnly(const std::string& inside)
+{
+    readOnlyDirs.push_back(inside);
+}
+
+void Sandbox::smallDisk(const std::string& inside, size_t bytes)
+{
+    static const bool privateMounts =
+        unshare(CLONE_NEWNS) == 0 &&
+        mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+    std::string at = hostPath(inside);
+    fs::create_directories(at);
+    std::string size = "size=" + std::to_string(bytes);
+    if (!privateMounts ||
+        mount("tmpfs", at.c_str(), "tmpfs", 0, size.c_str()) != 0)
+    {
+        fail("tmpfs over " + at);
+    }
+    mounts.push_back(at);
+}
+
+std::vector<std::string> Sandbox::confine(const std::vector<std::string>& argv,
+                                          const std::string& programDir) const
+{
+    std::vector<std::string> command = {
+        "bwrap",        "--ro-bind", "/usr",
+        "/usr",         "--ro-bind", "/etc",
+        "/etc",         "--dev",     "/dev",
+        "--proc",       "/proc",     "--tmpfs",
+        "/tmp",         "--bind",    scratch.path(),
+        scratch.path(), "--bind",    hostPath("/mmc2"),
+        "/mmc2"};
+    for (const char* link : {"bin", "sbin", "lib", "lib64"})
+    {
+        std::error_code ec;
+        fs::path target = fs::read_symlink(fs::path("/") / link, ec);
+        if (!ec)
+        {
+            command.insert(command.end(), {"--symlink", target.string(),
+                                           std::string("/") + link});
+        }
+    }
+    for (const auto& dir : readOnlyDirs)
+    {
+        command.insert(command.end(), {"--ro-bind", hostPath(dir), dir});
+    }
+    if (!programDir.empty())
+    {
+        command.insert(command.end(), {"--ro-bind", programDir, programDir});
+    }
+    command.insert(command.end(), {"--chdir", "/"});
+    command.insert(command.end(), argv.begin(), argv.end());
+    return command;
+}
+
+std::vector<std::string>
+Sandbox::collectorCommand(const std::vector<std::string>& args) const
+{
+    const char* chosen = std::getenv("QV_COLLECTOR");
+    std::vector<std::string> argv{
+        chosen != nullptr && *chosen != '\0' ? chosen : QV_COLLECTOR_PATH};
+    argv.insert(argv.end(), args.begin(), args.end());
+    std::string programDir = fs::absolute(argv.front()).parent_path();
+    const char* wrapper = std::getenv("QV_COLLECTOR_WRAPPER");
+    if (wrapper == nullptr || *wrapper == '\0')
+    {
+        return confine(targetCommand(argv), programDir);
+    }
+    auto command = words(wrapper);
+    command.insert(command.end(), argv.begin(), argv.end());
+    return confine(command, programDir);
+}
+
+EnvChanges Sandbox::collectorEnvironment(const PrivateBus& bus,
+                                         const std::string& tablesFile) const
+{
+    EnvChanges env = bus.environment();
+    env["PLATFORM_SMART_TABLES"] = tablesFile;
+    env["DLOG_FILE"] = scratch.path() + "/dlog.log";
+    return env;
+}
+
+RunResult Sandbox::run(const std::vector<std::string>& args,
+                       const PrivateBus& bus, const std::string& tablesFile,
+                       const EnvChanges& extra) const
+{
+    EnvChanges env = collectorEnvironment(bus, tablesFile);
+    for (const auto& [name, value] : extra)
+    {
+        env[name] = value;
+    }
+    // bubblewrap reports a program killed by signal N as exit code 128 + N,
+    // which the collector itself never uses.
+    auto result = runProgram(collectorCommand(args), env);
+    if (result.exitCode > 128)
+    {
+        result.termSignal = result.exitCode - 128;
+        result.exitCode = -1;
+    }
+    return result;
+}
+
+} // namespace testsupport

@@ -1,0 +1,163 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace testsupport
+{
+
+inline constexpr const char* smartLogsPath =
+    "/mmc2/qvcollection/vok/storagelog/SmartLogs.json";
+inline constexpr const char* smartRawDataPath =
+    "/mmc2/qvcollection/vok/storagelog/SmartRawData.json";
+inline constexpr const char* dailyDir = "/mmc2/mas032/smartlogs/";
+
+// A fresh directory under $TMPDIR (or /tmp), removed with its content.
+class TempDir
+{
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+
+    const std::string& path() const
+    {
+        return dirPath;
+    }
+    // Writes `content` to `name` inside the directory; returns its path.
+    std::string write(const std::string& name,
+                      const std::string& content) const;
+
+private:
+    std::string dirPath;
+};
+
+// Whole content of a file; empty when it cannot be read.
+std::string readFile(const std::string& path);
+
+// Environment changes for a child: a value sets the variable, std::nullopt
+// removes it. Everything else is inherited.
+using EnvChanges = std::map<std::string, std::optional<std::string>>;
+
+// This process's environment with `changes` applied, as NAME=value texts.
+std::vector<std::string> environmentWith(const EnvChanges& changes);
+
+struct RunResult
+{
+    int exitCode = -1; // -1 when the program was killed by a signal
+    int termSignal = 0;
+    std::string out;
+    std::string err;
+};
+
+// The command line that starts `argv`, whose first word is a program of this
+// build: a cross build's programs run here through the cross file's wrapper.
+std::vector<std::string> targetCommand(const std::vector<std::string>& argv);
+
+// Runs a program to its end, capturing both output streams. Kills it and
+// throws when it has not finished within `timeout`.
+RunResult runProgram(const std::vector<std::string>& argv,
+                     const EnvChanges& env = {},
+                     std::chrono::seconds timeout = std::chrono::seconds(120));
+
+// A program in the background with its standard output on a pipe. It dies
+// with the test process and is stopped (SIGTERM, then SIGKILL) and reaped
+// when the object goes away.
+class ChildProcess
+{
+public:
+    explicit ChildProcess(const std::vector<std::string>& argv,
+                          const EnvChanges& env = {});
+    ~ChildProcess();
+    ChildProcess(const ChildProcess&) = delete;
+    ChildProcess& operator=(const ChildProcess&) = delete;
+
+    // The first line of standard output; throws when there is none.
+    std::string firstLine();
+
+private:
+    pid_t pid = -1;
+    int outFd = -1;
+};
+
+// A dbus-daemon of our own on an abstract socket, configured like a system
+// bus on which anyone may own any name and call anything.
+class PrivateBus
+{
+public:
+    PrivateBus();
+
+    const std::string& address() const
+    {
+        return busAddress;
+    }
+    // Makes libsystemd's default and system buses this one, for children.
+    EnvChanges environment() const;
+
+private:
+    TempDir dir;
+    ChildProcess daemon;
+    std::string busAddress;
+};
+
+// The storage service and object mapper simulator serving one scenario; the
+// constructor returns once it owns its names.
+class Simulator
+{
+public:
+    Simulator(const std::string& scenarioFile, const PrivateBus& bus);
+
+private:
+    ChildProcess process;
+};
+
+// A private /mmc2 for runs of the shipped collector: bubblewrap shows the
+// program the host's /usr and /etc, this sandbox's directory at its host
+// path, and the sandbox's own mmc2/ at /mmc2, so the fixed report paths land
+// in a temporary directory. The log goes to dlog.log in the directory.
+class Sandbox
+{
+public:
+    Sandbox();
+    ~Sandbox();
+    Sandbox(const Sandbox&) = delete;
+    Sandbox& operator=(const Sandbox&) = delete;
+
+    // Host path of a path the collector sees.
+    std::string hostPath(const std::string& inside) const;
+    const std::string& dir() const
+    {
+        return scratch.path();
+    }
+    // The collector sees `inside` read-only.
+    void readOnly(const std::string& inside);
+    // A tmpfs of `bytes` over `inside`, mounted in a mount namespace of the
+    // test process (entered on first use): nothing of it reaches the host.
+    void smallDisk(const std::string& inside, size_t bytes);
+
+    // `argv` confined to the sandbox, `programDir` shown read-only.
+    std::vector<std::string> confine(const std::vector<std::string>& argv,
+                                     const std::string& programDir) const;
+    // The collector's command line, under QV_COLLECTOR_WRAPPER when set, and
+    // its environment: `bus`, the tables file, the log file.
+    std::vector<std::string>
+    collectorCommand(const std::vector<std::string>& args) const;
+    EnvChanges collectorEnvironment(const PrivateBus& bus,
+                                    const std::string& tablesFile) const;
+    RunResult run(const std::vector<std::string>& args, const PrivateBus& bus,
+                  const std::string& tablesFile,
+                  const EnvChanges& extra = {}) const;
+
+private:
+    TempDir scratch;
+    std::vector<std::string> readOnlyDirs;
+    std::vector<std::string> mounts;
+};
+
+} // namespace testsupport
