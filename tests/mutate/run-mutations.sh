@@ -15,7 +15,7 @@ build="$work/build"
 
 mkdir -p "$tree"
 # The copy carries the unpacked sdbusplus; build directories stay behind.
-rsync -a --delete --exclude '/build*' --exclude '/.git' "$src/" "$tree/"
+rsync -a --delete --include '/build-aux/' --exclude '/build*' --exclude '/.git' "$src/" "$tree/"
 if [ ! -f "$build/build.ninja" ]; then
     meson setup "$build" "$tree" \
         --native-file "$tree/build-aux/debian-python.ini" >/dev/null
