@@ -486,7 +486,7 @@ struct BothTables
 //
 // Levels of open containers: 1 the top-level object, 2 a table, 3 its
 // "entries" array, 4 an entry.
-class TablesReader
+class TablesReader : public nlohmann::json_sax<Json>
 {
 public:
     BothTables read(const std::string& path)
@@ -503,51 +503,52 @@ public:
     }
 
     // The parser's events; false would stop it.
-    bool null()
+    bool null() override
     {
         return scalar(MemberValue{});
     }
-    bool boolean(bool)
+    bool boolean(bool /*value*/) override
     {
         return scalar(MemberValue{});
     }
-    bool number_integer(Json::number_integer_t)
+    bool number_integer(Json::number_integer_t /*value*/) override
     {
         return scalar(MemberValue{});
     }
-    bool number_unsigned(Json::number_unsigned_t value)
+    bool number_unsigned(Json::number_unsigned_t value) override
     {
         return scalar(MemberValue{value});
     }
-    bool number_float(Json::number_float_t, const Json::string_t&)
+    bool number_float(Json::number_float_t /*value*/,
+                      const Json::string_t& /*text*/) override
     {
         return scalar(MemberValue{});
     }
-    bool string(Json::string_t& value)
+    bool string(Json::string_t& value) override
     {
         return scalar(MemberValue{std::move(value)});
     }
-    bool binary(Json::binary_t&)
+    bool binary(Json::binary_t& /*value*/) override
     {
         return scalar(MemberValue{});
     }
-    bool start_object(std::size_t)
+    bool start_object(std::size_t /*elements*/) override
     {
         return open(true);
     }
-    bool start_array(std::size_t)
+    bool start_array(std::size_t /*elements*/) override
     {
         return open(false);
     }
-    bool end_object()
+    bool end_object() override
     {
         return close();
     }
-    bool end_array()
+    bool end_array() override
     {
         return close();
     }
-    bool key(Json::string_t& name)
+    bool key(Json::string_t& name) override
     {
         if (skipping == 0)
         {
@@ -555,8 +556,8 @@ public:
         }
         return true;
     }
-    bool parse_error(std::size_t, const std::string&,
-                     const nlohmann::detail::exception& error)
+    bool parse_error(std::size_t /*position*/, const std::string& /*token*/,
+                     const nlohmann::detail::exception& error) override
     {
         syntaxError = error.what();
         return false;
@@ -749,13 +750,13 @@ struct PendingTables
 PendingTables pending;
 
 std::optional<TableOutcome<smartdatasassata_gen>>&
-pendingSlot(const smartdatasassata_gen*)
+pendingSlot(const smartdatasassata_gen* /*tag*/)
 {
     return pending.sasSata;
 }
 
 std::optional<TableOutcome<smartdatanvme_gen>>&
-pendingSlot(const smartdatanvme_gen*)
+pendingSlot(const smartdatanvme_gen* /*tag*/)
 {
     return pending.nvme;
 }

@@ -187,7 +187,7 @@ std::set<std::string> readSubTreePaths(sdbusplus::message_t& reply)
               "sd_bus_message_enter_container");
     for (;;)
     {
-        const int atEnd = sd_bus_message_at_end(m, false);
+        const int atEnd = sd_bus_message_at_end(m, 0);
         check(atEnd, "sd_bus_message_at_end");
         if (atEnd > 0)
         {

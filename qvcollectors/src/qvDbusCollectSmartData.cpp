@@ -5,7 +5,6 @@
 #include "utl.hpp"
 
 #include <fcntl.h>
-#include <signal.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -16,6 +15,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <csignal>
 #include <ctime>
 #include <iomanip>
 #include <iostream>
@@ -261,8 +261,8 @@ std::string getCurrentDay(int kind)
     {
         std::strftime(date.data(), date.size(), "%Y%m%d", local);
     }
-    const std::string path = std::string(dailyDirectory) +
-                             (kind == 0 ? "SL" : "RD") + date.data() + ".json";
+    std::string path = std::string(dailyDirectory) + (kind == 0 ? "SL" : "RD") +
+                       date.data() + ".json";
     dlog_printf(logLevel, logModule, "%s.%d.%s: file : [%s]\n", fileName(),
                 __LINE__, __func__, path.c_str());
     return path;
@@ -503,7 +503,8 @@ int readTableEntry(const char* function, int index, DriveSmartRecord* record,
         const auto& entry = std::next(cache.begin(), index)->second;
         fillRecord(*record, entry);
         // The platform's text may hold a NUL; the FQDD ends there.
-        *fqdd = entry.fqdd().c_str();
+        const std::string text = entry.fqdd();
+        *fqdd = text.substr(0, text.find('\0'));
         return 0;
     }
     catch (const std::exception& error)
@@ -1081,7 +1082,8 @@ private:
     void addSolidStateDrive();
     void hardDrivePass();
     void addHardDrive(int index);
-    HardDriveKind classifyHardDrive(uint32_t protocol, uint32_t attributes);
+    static HardDriveKind classifyHardDrive(uint32_t protocol,
+                                           uint32_t attributes);
     bool fetchLogPages(HardDriveKind kind);
     const char* hardDriveSeparator() const;
     void writePageGroups(HardDriveKind kind);
