@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <span>
 #include <string_view>
 
 namespace qvreport
@@ -141,8 +142,8 @@ logParameter(const std::vector<unsigned>& page, unsigned code)
         }
         if (found == code)
         {
-            return std::vector<unsigned>(page.begin() + at + 4,
-                                         page.begin() + at + 4 + length);
+            const auto body = std::span(page).subspan(at + 4, length);
+            return std::vector<unsigned>(body.begin(), body.end());
         }
         at += 4 + length;
     }

@@ -100,7 +100,7 @@ private:
     bool skipBlanks()
     {
         while (pos < text.size() &&
-               std::isspace(static_cast<unsigned char>(text[pos])))
+               std::isspace(static_cast<unsigned char>(text[pos])) != 0)
         {
             line += text[pos] == '\n' ? 1 : 0;
             ++pos;
@@ -210,7 +210,7 @@ private:
     }
 };
 
-constexpr size_t minimumRead = 64 * 1024;
+constexpr size_t minimumRead = size_t{64} * 1024;
 
 } // namespace
 
@@ -268,7 +268,7 @@ bool ReportReader::skipBlanks()
     for (;;)
     {
         while (start < buffer.size() &&
-               std::isspace(static_cast<unsigned char>(buffer[start])))
+               std::isspace(static_cast<unsigned char>(buffer[start])) != 0)
         {
             consume(1);
         }
@@ -350,8 +350,8 @@ bool isHexRowName(const std::string& name)
 std::optional<unsigned> hexOctet(std::string_view cell)
 {
     if (cell.size() != 2 ||
-        !std::isxdigit(static_cast<unsigned char>(cell[0])) ||
-        !std::isxdigit(static_cast<unsigned char>(cell[1])))
+        std::isxdigit(static_cast<unsigned char>(cell[0])) == 0 ||
+        std::isxdigit(static_cast<unsigned char>(cell[1])) == 0)
     {
         return std::nullopt;
     }

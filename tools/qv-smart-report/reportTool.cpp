@@ -1,6 +1,7 @@
 #include "reportTool.hpp"
 
 #include <algorithm>
+#include <array>
 #include <cctype>
 #include <charconv>
 #include <cstdint>
@@ -88,7 +89,7 @@ struct Column
     const Reading DriveHealth::*reading;
 };
 
-constexpr Column readingColumns[] = {
+constexpr auto readingColumns = std::to_array<Column>({
     {"temp_c", &DriveHealth::temperatureC},
     {"life_remaining", &DriveHealth::lifeRemaining},
     {"percent_used", &DriveHealth::percentUsed},
@@ -98,7 +99,7 @@ constexpr Column readingColumns[] = {
     {"reallocated", &DriveHealth::reallocated},
     {"pending", &DriveHealth::pending},
     {"available_spare", &DriveHealth::availableSpare},
-};
+});
 
 std::string joined(const std::vector<std::string>& names, char separator)
 {
@@ -171,7 +172,7 @@ std::vector<std::string> tableCells(const DriveHealth& drive)
     return cells;
 }
 
-constexpr int tableWidths[] = {22, 9, 7, 5, 5, 8, 7, 6, 7, 7, 6};
+constexpr std::array tableWidths{22, 9, 7, 5, 5, 8, 7, 6, 7, 7, 6};
 
 void writeTableLine(std::ostream& out, const std::vector<std::string>& cells)
 {

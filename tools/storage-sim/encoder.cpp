@@ -168,7 +168,7 @@ void appendBasic(sd_bus_message* message, char code, const Json& value)
             {
                 mismatch(type, value, "a string");
             }
-            const std::string& text = value.get_ref<const std::string&>();
+            const auto& text = value.get_ref<const std::string&>();
             return check(
                 sd_bus_message_append_basic(message, code, text.c_str()), type,
                 value);
@@ -297,7 +297,7 @@ void appendVariant(sd_bus_message* message, const Json& value)
     {
         mismatch("v", value, "a [signature, value] pair");
     }
-    const std::string& contents = value[0].get_ref<const std::string&>();
+    const auto& contents = value[0].get_ref<const std::string&>();
     if (splitSignature(contents).size() != 1)
     {
         mismatch("v", value, "a signature of one complete type");

@@ -25,7 +25,7 @@ std::string scenarioArgument(int argc, char** argv)
     constexpr std::string_view joined = "--scenario=";
     if (argc == 2 && std::string_view(argv[1]).starts_with(joined))
     {
-        return std::string(argv[1] + joined.size());
+        return {argv[1] + joined.size()};
     }
     return {};
 }

@@ -18,7 +18,7 @@ namespace
 {
 
 // Largest byte array D-Bus carries.
-constexpr uint64_t maxArrayLength = 64U * 1024U * 1024U;
+constexpr uint64_t maxArrayLength = uint64_t{64} * 1024 * 1024;
 
 const std::initializer_list<std::string_view> faultMembers = {
     "error", "delayMs",      "noReply", "reply",
@@ -218,16 +218,16 @@ Fault parseFault(const Node& node)
     }
     if (fault.error && (fault.reply || fault.extra))
     {
-        node.fail("\"error\" cannot be combined with \"reply\" or \"extra\"");
+        node.fail(R"("error" cannot be combined with "reply" or "extra")");
     }
     if (fault.reply && fault.extra)
     {
-        node.fail("\"reply\" already is the whole body; drop \"extra\"");
+        node.fail(R"("reply" already is the whole body; drop "extra")");
     }
     if (fault.noReply &&
         (fault.error || fault.reply || fault.extra || fault.delay.count() > 0))
     {
-        node.fail("\"noReply\" cannot be combined with other fault members");
+        node.fail(R"("noReply" cannot be combined with other fault members)");
     }
     return fault;
 }
@@ -254,7 +254,7 @@ std::vector<uint8_t> parseBytes(const Node& node)
 {
     if (node.has("data") && node.has("dataLength"))
     {
-        node.fail("give \"data\" or \"dataLength\", not both");
+        node.fail(R"(give "data" or "dataLength", not both)");
     }
     if (node.has("dataLength"))
     {

@@ -140,7 +140,8 @@ void writeProperties(sd_bus_message* reply, const Interface& interface)
     appendValue(reply, "a{sv}", entries);
 }
 
-int onSignal(sd_event_source* source, const signalfd_siginfo*, void*)
+int onSignal(sd_event_source* source, const signalfd_siginfo* /*info*/,
+             void* /*userdata*/)
 {
     return sd_event_exit(sd_event_source_get_event(source), 0);
 }
@@ -207,7 +208,8 @@ int Server::run()
     return checked(sd_event_loop(event.get()), "running the event loop");
 }
 
-int Server::onMessage(sd_bus_message* call, void* userdata, sd_bus_error*)
+int Server::onMessage(sd_bus_message* call, void* userdata,
+                      sd_bus_error* /*error*/)
 {
     auto* self = static_cast<Server*>(userdata);
     try
@@ -508,7 +510,7 @@ void Server::signalCaller(sd_bus_message* call, const Fault& fault)
 }
 
 MessagePtr Server::buildReply(sd_bus_message* call, const Fault& fault,
-                              const Outcome& normal) const
+                              const Outcome& normal)
 {
     if (fault.error)
     {
@@ -553,7 +555,8 @@ void Server::schedule(MessagePtr reply, std::chrono::milliseconds delay)
     entry.timer.reset(timer);
 }
 
-int Server::onTimer(sd_event_source*, uint64_t, void* userdata)
+int Server::onTimer(sd_event_source* /*source*/, uint64_t /*usec*/,
+                    void* userdata)
 {
     auto* entry = static_cast<PendingReply*>(userdata);
     entry->server->sendPending(entry);
@@ -603,8 +606,8 @@ void Server::checkFault(const std::string& where, const Fault& fault) const
     {
         if (*body)
         {
-            checkEncodes(where + name, [body](sd_bus_message* message) {
-                appendValues(message, (*body)->signature, (*body)->values);
+            checkEncodes(where + name, [slot = body](sd_bus_message* message) {
+                appendValues(message, (*slot)->signature, (*slot)->values);
             });
         }
     }

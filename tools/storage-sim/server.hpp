@@ -85,8 +85,8 @@ private:
     void respond(sd_bus_message* call, const Fault& fault,
                  const Outcome& normal);
     void signalCaller(sd_bus_message* call, const Fault& fault);
-    MessagePtr buildReply(sd_bus_message* call, const Fault& fault,
-                          const Outcome& normal) const;
+    static MessagePtr buildReply(sd_bus_message* call, const Fault& fault,
+                                 const Outcome& normal);
     void schedule(MessagePtr reply, std::chrono::milliseconds delay);
     void sendPending(PendingReply* entry);
 
