@@ -1,6 +1,7 @@
 #include "benchReport.hpp"
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <functional>
 
@@ -25,6 +26,7 @@ double medianOf(const std::vector<Measurement>& runs,
                 const std::function<double(const Measurement&)>& value)
 {
     std::vector<double> values;
+    values.reserve(runs.size());
     for (const auto& run : runs)
     {
         values.push_back(value(run));
@@ -34,9 +36,9 @@ double medianOf(const std::vector<Measurement>& runs,
 
 std::string format(const char* pattern, double value)
 {
-    char text[64];
-    std::snprintf(text, sizeof(text), pattern, value);
-    return text;
+    std::array<char, 64> text{};
+    std::snprintf(text.data(), text.size(), pattern, value);
+    return text.data();
 }
 
 std::string row(const std::vector<std::string>& cells)
@@ -212,7 +214,7 @@ Verdicts checkTargets(const std::vector<SizeResult>& results)
     Verdicts verdicts;
     for (const auto& r : results)
     {
-        double floorKiB = static_cast<double>(peakRssKiB(r.floor));
+        auto floorKiB = static_cast<double>(peakRssKiB(r.floor));
         double ratio = static_cast<double>(peakRssKiB(r.collector)) / floorKiB;
         // The collector's own data grows with the server; up to 256 drives
         // it must stay within 15 % of the floor, beyond that within 20 %.

@@ -2,6 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <array>
 #include <stdexcept>
 
 namespace bench
@@ -28,7 +29,7 @@ struct Route
 };
 
 // Where each method the collector calls lives on the simulated server.
-constexpr Route routes[] = {
+constexpr auto routes = std::to_array<Route>({
     {"GetSubTree", "xyz.openbmc_project.ObjectMapper",
      "xyz.openbmc_project.ObjectMapper", "sias"},
     {"GetAll", "com.kest.omrix.storage", "org.freedesktop.DBus.Properties",
@@ -40,7 +41,7 @@ constexpr Route routes[] = {
      "com.kest.omrix.storage.drive.service", "s"},
     {"GetSmartPDSASHDDData", "com.kest.omrix.storage",
      "com.kest.omrix.storage.drive.service", "s"},
-};
+});
 
 void appendArgument(Call& call, const nlohmann::json& value)
 {

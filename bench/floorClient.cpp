@@ -77,7 +77,7 @@ int appendArguments(sd_bus_message* call, const std::string& signature,
         }
         else if (signature[i] == 'i')
         {
-            int32_t value = static_cast<int32_t>(std::atol(field.c_str()));
+            auto value = static_cast<int32_t>(std::atol(field.c_str()));
             r = sd_bus_message_append_basic(call, 'i', &value);
         }
         else

@@ -23,6 +23,7 @@ std::chrono::microseconds toMicroseconds(const timeval& time)
 std::vector<char*> pointersTo(std::vector<std::string>& strings)
 {
     std::vector<char*> result;
+    result.reserve(strings.size() + 1);
     for (auto& item : strings)
     {
         result.push_back(item.data());

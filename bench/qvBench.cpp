@@ -67,7 +67,7 @@ void writeWithCallLog(const std::string& scenario, const std::string& copy,
     {
         throw std::runtime_error(scenario + " is not a JSON object");
     }
-    out << "{\"callLog\": \"" << log << "\", " << in.rdbuf();
+    out << R"({"callLog": ")" << log << R"(", )" << in.rdbuf();
     if (!out.flush())
     {
         throw std::runtime_error("cannot write " + copy);
@@ -244,6 +244,13 @@ private:
     std::exit(64);
 }
 
+// DIR/KIND-N.json, as make-scenario.py names its files.
+std::string sizeFile(const std::string& dir, const char* kind,
+                     const std::string& size)
+{
+    return dir + "/" + kind + "-" + size + ".json";
+}
+
 int positive(const char* text)
 {
     int value = std::atoi(text);
@@ -288,8 +295,8 @@ int main(int argc, char* argv[])
         for (; next < argc; ++next)
         {
             const std::string size = argv[next];
-            Setup setup{dir + "/scenario-" + size + ".json",
-                        dir + "/tables-" + size + ".json", runs, busctlRuns};
+            Setup setup{sizeFile(dir, "scenario", size),
+                        sizeFile(dir, "tables", size), runs, busctlRuns};
             SizeBench sizeBench(setup);
             size_t roundTrips = sizeBench.record();
             // Every measured program starts as a fork of this process: hand
