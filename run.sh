@@ -2,6 +2,7 @@
 # The project's two commands:
 #   ./run.sh demo   run the collector over a simulated server and show its reports
 #   ./run.sh test   install what is missing, build, run every test
+#   ./run.sh tidy   build, then clang-tidy over the project's sources
 #   ./run.sh fuzz [SECONDS]   run each fuzz target longer (default 300 s)
 #   ./run.sh test-aarch64     cross-build for AArch64, run the tests under qemu
 #   ./run.sh bench [RUNS]     the collector against its floor (bench/README.md)
@@ -16,7 +17,7 @@ packages=(
     libsystemd-dev dbus-daemon
     libgtest-dev libgmock-dev nlohmann-json3-dev
     util-linux coreutils valgrind systemd bubblewrap
-    clang libclang-rt-14-dev
+    clang libclang-rt-14-dev clang-tidy
     python3-inflection python3-mako python3-yaml
 )
 
@@ -74,6 +75,80 @@ compile() {
     installPackages
     configure "$build"
     ninja -C "$build"
+}
+
+# clang-tidy with the checked-in .clang-tidy over the project's own sources
+# in the normal build's compilation database, one file per core. Not
+# subprojects/ (sdbusplus has its own checks) and not tests/fuzz/, whose
+# harnesses only build with -Dfuzzing=true. Any finding fails the step,
+# except those of directories named in tidyPending (a regex of directories
+# below the project root): their findings, and every finding of a source
+# file of theirs, are counted but do not fail it yet. Empty it once they are
+# clean.
+tidyPending='tests'
+tidy() {
+    local log="$build/meson-logs/clang-tidy.log" rc=0 started=$SECONDS
+    local root findings strict pending
+    root=$(printf '%s' "$here" | sed 's/[][\.*^$?+(){}|]/\\&/g')
+    echo "run.sh: clang-tidy over the project's sources"
+    # One command a source file: the collector's sources are compiled twice,
+    # with and without the entry, and checking them once is enough.
+    mkdir -p "$build/tidy"
+    python3 - "$build/compile_commands.json" \
+        "$build/tidy/compile_commands.json" <<'EOF'
+import json, sys
+commands = {}
+for entry in json.load(open(sys.argv[1])):
+    commands.setdefault(entry["file"], entry)
+json.dump(list(commands.values()), open(sys.argv[2], "w"), indent=1)
+EOF
+    run-clang-tidy -p "$build/tidy" -quiet -j "$(nproc)" \
+        "^$root/(?!tests/fuzz/)(bench|platform|qvcollectors|tests|tools)/.*\.cpp\$" \
+        >"$log" 2>&1 || rc=$?
+    sed -i 's/\x1b\[[0-9;]*m//g' "$log"
+    findings=$(tidyFindings "$log")
+    strict=$(grep '^strict ' <<<"$findings" | cut -d' ' -f2- || true)
+    pending=$(grep -c '^pending ' <<<"$findings" || true)
+    if [ "$pending" -gt 0 ]; then
+        echo "clang-tidy: $pending findings in or from '$tidyPending'," \
+            "not failing yet (see $log)"
+    fi
+    if [ -n "$strict" ]; then
+        echo "$strict"
+        echo "clang-tidy: $(wc -l <<<"$strict") findings (details in $log)"
+        return 1
+    fi
+    if [ "$rc" -ne 0 ] && [ "$pending" -eq 0 ]; then
+        tail -n 20 "$log"
+        echo "clang-tidy: failed without a finding (see $log)"
+        return 1
+    fi
+    echo "clang-tidy: no findings that fail ($((SECONDS - started)) s)"
+}
+
+# tidyFindings LOG: one line a finding of run-clang-tidy's LOG, "strict" or
+# "pending" and then "FILE:LINE:COLUMN: error: TEXT [CHECK]", with FILE
+# relative to the project root. A finding is pending when its file or the
+# source file being checked lies in a tidyPending directory.
+tidyFindings() {
+    awk -v root="$here/" -v build="$build/" -v pending="^($tidyPending)/" '
+        function relative(path) {
+            if (index(path, build "../") == 1)
+                return substr(path, length(build) + 4)
+            if (index(path, "../") == 1)
+                return substr(path, 4)
+            if (index(path, root) == 1)
+                return substr(path, length(root) + 1)
+            return path
+        }
+        /^clang-tidy[^ ]* / { source = relative($NF); next }
+        /^[^ ]+:[0-9]+:[0-9]+: (fatal )?(warning|error): / {
+            file = relative(substr($0, 1, index($0, ":") - 1))
+            kind = "strict"
+            if (pending != "^()/" && (file ~ pending || source ~ pending))
+                kind = "pending"
+            print kind, file substr($0, index($0, ":"))
+        }' "$1" | sort -u
 }
 
 # The same sources and tests with AddressSanitizer and
@@ -166,6 +241,12 @@ case "${1:-}" in
     test)
         compile
         status=0
+        if tidy; then
+            passedTotal=$((passedTotal + 1))
+        else
+            failedTotal=$((failedTotal + 1))
+            status=1
+        fi
         runTests "$build" || status=1
         echo "run.sh: end-to-end tests with the collector under valgrind"
         QV_COLLECTOR_WRAPPER="/usr/bin/valgrind --error-exitcode=99 --leak-check=full --errors-for-leak-kinds=definite,indirect -q" \
@@ -182,6 +263,10 @@ case "${1:-}" in
         fi
         echo "tests: ${passedTotal} passed, ${failedTotal} failed"
         exit $status
+        ;;
+    tidy)
+        compile
+        tidy
         ;;
     demo)
         # Build quietly: the demo's output is the collector's reports.
@@ -246,7 +331,7 @@ case "${1:-}" in
         exec "$here/tests/fuzz/run-fuzz.sh" "${2:-300}"
         ;;
     *)
-        echo "usage: $0 demo|test|test-aarch64|fuzz [SECONDS]|bench [RUNS]|mutate [PATTERN]" >&2
+        echo "usage: $0 demo|test|tidy|test-aarch64|fuzz [SECONDS]|bench [RUNS]|mutate [PATTERN]" >&2
         exit 64
         ;;
 esac
