@@ -11,6 +11,7 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <array>
 #include <cctype>
 #include <ctime>
 #include <filesystem>
@@ -167,8 +168,8 @@ std::string localDate(const std::optional<std::string>& zone)
     std::time_t now = std::time(nullptr);
     std::tm local{};
     localtime_r(&now, &local);
-    char text[16] = {};
-    std::strftime(text, sizeof(text), "%Y%m%d", &local);
+    std::array<char, 16> text{};
+    std::strftime(text.data(), text.size(), "%Y%m%d", &local);
     if (saved != nullptr)
     {
         setenv("TZ", before.c_str(), 1);
@@ -178,7 +179,7 @@ std::string localDate(const std::optional<std::string>& zone)
         unsetenv("TZ");
     }
     tzset();
-    return text;
+    return text.data();
 }
 
 // A log record as the table writes it: "function: text" stands for the

@@ -2,14 +2,15 @@
 
 #include <fcntl.h>
 #include <sched.h>
-#include <signal.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -44,6 +45,7 @@ std::vector<std::string> words(const std::string& text)
 std::vector<char*> pointersTo(std::vector<std::string>& strings)
 {
     std::vector<char*> result;
+    result.reserve(strings.size() + 1);
     for (auto& item : strings)
     {
         result.push_back(item.data());
@@ -79,11 +81,11 @@ pid_t spawn(std::vector<std::string> argv, const EnvChanges& env, int outFd,
 std::string readAll(int fd)
 {
     std::string text;
-    char buffer[65536];
+    std::array<char, 65536> buffer{};
     lseek(fd, 0, SEEK_SET);
-    for (ssize_t got; (got = read(fd, buffer, sizeof(buffer))) > 0;)
+    for (ssize_t got; (got = read(fd, buffer.data(), buffer.size())) > 0;)
     {
-        text.append(buffer, static_cast<size_t>(got));
+        text.append(buffer.data(), static_cast<size_t>(got));
     }
     return text;
 }
@@ -198,8 +200,8 @@ RunResult runProgram(const std::vector<std::string>& argv,
 ChildProcess::ChildProcess(const std::vector<std::string>& argv,
                            const EnvChanges& env)
 {
-    int fds[2];
-    if (pipe2(fds, O_CLOEXEC) != 0)
+    std::array<int, 2> fds{};
+    if (pipe2(fds.data(), O_CLOEXEC) != 0)
     {
         fail("pipe2");
     }
@@ -218,7 +220,7 @@ ChildProcess::~ChildProcess()
     close(outFd);
 }
 
-std::string ChildProcess::firstLine()
+std::string ChildProcess::firstLine() const
 {
     std::string line;
     char c = 0;

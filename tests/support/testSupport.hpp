@@ -79,7 +79,7 @@ public:
     ChildProcess& operator=(const ChildProcess&) = delete;
 
     // The first line of standard output; throws when there is none.
-    std::string firstLine();
+    std::string firstLine() const;
 
 private:
     pid_t pid = -1;
