@@ -20,18 +20,6 @@ std::chrono::microseconds toMicroseconds(const timeval& time)
            std::chrono::microseconds(time.tv_usec);
 }
 
-std::vector<char*> pointersTo(std::vector<std::string>& strings)
-{
-    std::vector<char*> result;
-    result.reserve(strings.size() + 1);
-    for (auto& item : strings)
-    {
-        result.push_back(item.data());
-    }
-    result.push_back(nullptr);
-    return result;
-}
-
 } // namespace
 
 Measurement measureProgram(const std::vector<std::string>& argv,
@@ -48,8 +36,8 @@ Measurement measureProgram(const std::vector<std::string>& argv,
     }
     auto args = argv;
     auto environment = testsupport::environmentWith(env);
-    auto argp = pointersTo(args);
-    auto envp = pointersTo(environment);
+    auto argp = testsupport::pointersTo(args);
+    auto envp = testsupport::pointersTo(environment);
     auto started = std::chrono::steady_clock::now();
     pid_t pid = fork();
     if (pid == 0)

@@ -42,18 +42,6 @@ std::vector<std::string> words(const std::string& text)
     return result;
 }
 
-std::vector<char*> pointersTo(std::vector<std::string>& strings)
-{
-    std::vector<char*> result;
-    result.reserve(strings.size() + 1);
-    for (auto& item : strings)
-    {
-        result.push_back(item.data());
-    }
-    result.push_back(nullptr);
-    return result;
-}
-
 // Forks and executes `argv`; the child dies with this process. Only
 // async-signal-safe calls run between fork and exec.
 pid_t spawn(std::vector<std::string> argv, const EnvChanges& env, int outFd,
@@ -122,6 +110,18 @@ std::vector<std::string> environmentWith(const EnvChanges& changes)
             result.push_back(name + "=" + *value);
         }
     }
+    return result;
+}
+
+std::vector<char*> pointersTo(std::vector<std::string>& strings)
+{
+    std::vector<char*> result;
+    result.reserve(strings.size() + 1);
+    for (auto& item : strings)
+    {
+        result.push_back(item.data());
+    }
+    result.push_back(nullptr);
     return result;
 }
 

@@ -47,6 +47,8 @@ using EnvChanges = std::map<std::string, std::optional<std::string>>;
 
 // This process's environment with `changes` applied, as NAME=value texts.
 std::vector<std::string> environmentWith(const EnvChanges& changes);
+// The argument array of `strings` for an exec call, ending in a null.
+std::vector<char*> pointersTo(std::vector<std::string>& strings);
 
 struct RunResult
 {
