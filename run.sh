@@ -128,7 +128,8 @@ compileSanitized() {
 # and the reader's health view.
 demo() {
     demoScratch=$(mktemp -d)
-    trap 'kill $(jobs -p) 2>/dev/null; wait; rm -rf "$demoScratch"' EXIT
+    demoBus='' demoSimulator=''
+    trap demoCleanup EXIT
     local scratch=$demoScratch
     local reports="$scratch/mmc2/qvcollection/vok/storagelog"
     mkdir -p "$reports"
@@ -141,11 +142,13 @@ demo() {
         > "$scratch/bus.conf"
     dbus-daemon --config-file="$scratch/bus.conf" --nofork --nopidfile \
         --print-address > "$scratch/address" 2>/dev/null &
+    demoBus=$!
     waitForLine "$scratch/address"
     export DBUS_SYSTEM_BUS_ADDRESS DBUS_STARTER_BUS_TYPE=system
     DBUS_SYSTEM_BUS_ADDRESS=$(head -n1 "$scratch/address")
     cp "$1" "$scratch/scenario.json"
     "$build/tools/storage-sim/storage-sim" --scenario "$1" > "$scratch/sim" &
+    demoSimulator=$!
     waitForLine "$scratch/sim"
     local rc=0
     PLATFORM_SMART_TABLES="$scratch/scenario.json" DLOG_FILE="$scratch/dlog.log" \
@@ -166,6 +169,15 @@ demo() {
     "$build/tools/qv-smart-report/qv-smart-report" \
         "$reports/SmartLogs.json" "$reports/SmartRawData.json"
     return $rc
+}
+
+# The simulator goes first: it would report the bus going away.
+demoCleanup() {
+    local pid
+    for pid in $demoSimulator $demoBus; do
+        { kill "$pid" && wait "$pid"; } 2>/dev/null || true
+    done
+    rm -rf "$demoScratch"
 }
 
 waitForLine() {

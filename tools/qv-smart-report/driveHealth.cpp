@@ -210,7 +210,12 @@ void sasPage(DriveHealth& health, std::string_view name,
     }
     else if (name == "temperature")
     {
-        auto celsius = bigEndian(logParameter(page, 0), 1, 1);
+        // The standard parameter holds a reserved byte and the temperature.
+        // One of another length is not guessed at: the figure stays unknown.
+        auto parameter = logParameter(page, 0);
+        auto celsius = parameter && parameter->size() == 2
+                           ? bigEndian(parameter, 1, 1)
+                           : std::nullopt;
         if (celsius && *celsius != 0xff)
         {
             health.temperatureC =

@@ -172,24 +172,6 @@ std::vector<std::string> tableCells(const DriveHealth& drive)
     return cells;
 }
 
-constexpr std::array tableWidths{22, 9, 7, 5, 5, 8, 7, 6, 7, 7, 6};
-
-void writeTableLine(std::ostream& out, const std::vector<std::string>& cells)
-{
-    for (size_t i = 0; i < cells.size(); ++i)
-    {
-        if (i + 1 < cells.size())
-        {
-            out << std::left << std::setw(tableWidths[i]) << cells[i] << ' ';
-        }
-        else
-        {
-            out << cells[i];
-        }
-    }
-    out << '\n';
-}
-
 struct Options
 {
     Format format = Format::table;
@@ -247,7 +229,7 @@ std::optional<Options> parseArgs(std::span<const std::string> args,
 }
 
 void writeDocument(std::ostream& out, Format format, const std::string& file,
-                   const Document& document)
+                   const Document& document, HealthTable& table)
 {
     switch (format)
     {
@@ -258,7 +240,7 @@ void writeDocument(std::ostream& out, Format format, const std::string& file,
             writeCsvRows(out, file, driveHealth(document));
             break;
         case Format::table:
-            writeTableRows(out, driveHealth(document));
+            table.add(driveHealth(document));
             break;
     }
 }
@@ -306,18 +288,37 @@ void writeCsvRows(std::ostream& out, const std::string& file,
     }
 }
 
-void writeTableHeader(std::ostream& out)
-{
-    writeTableLine(out,
-                   {"FQDD", "CLASS", "TEMP_C", "LIFE", "USED%", "POH", "MEDIA",
-                    "CRC", "REALLOC", "PENDING", "SPARE", "CRITICAL_WARNING"});
-}
+HealthTable::HealthTable() :
+    rows{{"FQDD", "CLASS", "TEMP_C", "LIFE", "USED%", "POH", "MEDIA", "CRC",
+          "REALLOC", "PENDING", "SPARE", "CRITICAL_WARNING"}}
+{}
 
-void writeTableRows(std::ostream& out, const std::vector<DriveHealth>& drives)
+void HealthTable::add(const std::vector<DriveHealth>& drives)
 {
     for (const auto& drive : drives)
     {
-        writeTableLine(out, tableCells(drive));
+        rows.push_back(tableCells(drive));
+    }
+}
+
+void HealthTable::print(std::ostream& out) const
+{
+    std::vector<size_t> widths(rows.front().size(), 0);
+    for (const auto& row : rows)
+    {
+        for (size_t i = 0; i < row.size(); ++i)
+        {
+            widths[i] = std::max(widths[i], row[i].size());
+        }
+    }
+    for (const auto& row : rows)
+    {
+        for (size_t i = 0; i + 1 < row.size(); ++i)
+        {
+            out << std::left << std::setw(static_cast<int>(widths[i])) << row[i]
+                << ' ';
+        }
+        out << row.back() << '\n';
     }
 }
 
@@ -328,7 +329,7 @@ namespace
 // read or holds damage. A FIFO, a device or a directory is refused: a report
 // is a regular file, and reading the others may never end.
 bool readReportFile(const std::string& file, Format format, std::ostream& out,
-                    std::ostream& err)
+                    std::ostream& err, HealthTable& table)
 {
     std::error_code error;
     if (!std::filesystem::is_regular_file(file, error))
@@ -357,7 +358,7 @@ bool readReportFile(const std::string& file, Format format, std::ostream& out,
         {
             break;
         }
-        writeDocument(out, format, file, *document);
+        writeDocument(out, format, file, *document, table);
     }
     if (in.bad())
     {
@@ -381,17 +382,18 @@ int runReportTool(std::span<const std::string> args, std::ostream& out,
     {
         writeCsvHeader(out);
     }
-    else if (options->format == Format::table)
-    {
-        writeTableHeader(out);
-    }
+    HealthTable table;
     int status = exitOk;
     for (const auto& file : options->files)
     {
-        if (!readReportFile(file, options->format, out, err))
+        if (!readReportFile(file, options->format, out, err, table))
         {
             status = exitDamaged;
         }
+    }
+    if (options->format == Format::table)
+    {
+        table.print(out);
     }
     return status;
 }

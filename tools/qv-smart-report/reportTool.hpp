@@ -6,6 +6,7 @@
 #include <ostream>
 #include <span>
 #include <string>
+#include <vector>
 
 namespace qvreport
 {
@@ -30,8 +31,19 @@ void writeJson(std::ostream& out, const std::string& file,
 void writeCsvHeader(std::ostream& out);
 void writeCsvRows(std::ostream& out, const std::string& file,
                   const std::vector<DriveHealth>& drives);
-void writeTableHeader(std::ostream& out);
-void writeTableRows(std::ostream& out, const std::vector<DriveHealth>& drives);
+
+// The health view as a table, printed once every row is known: each column
+// is as wide as its widest cell.
+class HealthTable
+{
+public:
+    HealthTable();
+    void add(const std::vector<DriveHealth>& drives);
+    void print(std::ostream& out) const;
+
+private:
+    std::vector<std::vector<std::string>> rows;
+};
 
 // The whole command: arguments without the program name.
 int runReportTool(std::span<const std::string> args, std::ostream& out,
