@@ -15,7 +15,7 @@ build="$here/build"
 packages=(
     g++ pkg-config meson ninja-build
     libsystemd-dev dbus-daemon
-    libgtest-dev libgmock-dev nlohmann-json3-dev
+    libgtest-dev libgmock-dev nlohmann-json3-dev libcli11-dev
     util-linux coreutils valgrind systemd bubblewrap
     clang libclang-rt-14-dev clang-tidy
     python3-inflection python3-mako python3-yaml

@@ -1,5 +1,7 @@
 #include "reportTool.hpp"
 
+#include <CLI/CLI.hpp>
+
 #include <algorithm>
 #include <array>
 #include <cctype>
@@ -8,6 +10,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iomanip>
+#include <variant>
 
 namespace qvreport
 {
@@ -178,53 +181,35 @@ struct Options
     std::vector<std::string> files;
 };
 
-constexpr const char* usage =
-    "usage: qv-smart-report [--format table|csv|json] REPORT...\n";
-
-std::optional<Options> parseArgs(std::span<const std::string> args,
-                                 std::ostream& err)
+// The command line, through CLI11: --help and --version answer on standard
+// output with exit code 0, any other problem says what is wrong on standard
+// error with exit code 2.
+std::variant<Options, int> parseArgs(std::span<const std::string> args,
+                                     std::ostream& out, std::ostream& err)
 {
     Options options;
-    for (size_t i = 0; i < args.size(); ++i)
+    CLI::App app{"Reads the collector's reports and prints them as strict "
+                 "JSON, CSV or a per-drive health table.",
+                 "qv-smart-report"};
+    app.set_version_flag("--version", std::string(QV_SMART_REPORT_VERSION));
+    std::string format = "table";
+    app.add_option("--format", format, "table (default), csv or json")
+        ->check(CLI::IsMember({"table", "csv", "json"}));
+    app.add_option("REPORT", options.files, "report files, read in this order")
+        ->required();
+    // CLI11 takes the arguments last first.
+    std::vector<std::string> reversed(args.rbegin(), args.rend());
+    try
     {
-        std::string value;
-        if (args[i] == "--format" && i + 1 < args.size())
-        {
-            value = args[++i];
-        }
-        else if (args[i].starts_with("--format="))
-        {
-            value = args[i].substr(9);
-        }
-        else if (args[i].starts_with("-") && args[i] != "-")
-        {
-            err << "qv-smart-report: unknown option " << args[i] << '\n'
-                << usage;
-            return std::nullopt;
-        }
-        else
-        {
-            options.files.push_back(args[i]);
-            continue;
-        }
-        if (value == "table" || value == "csv" || value == "json")
-        {
-            options.format = value == "table" ? Format::table
-                             : value == "csv" ? Format::csv
-                                              : Format::json;
-        }
-        else
-        {
-            err << "qv-smart-report: unknown format '" << value << "'\n"
-                << usage;
-            return std::nullopt;
-        }
+        app.parse(reversed);
     }
-    if (options.files.empty())
+    catch (const CLI::ParseError& error)
     {
-        err << usage;
-        return std::nullopt;
+        return app.exit(error, out, err) == 0 ? exitOk : exitUsage;
     }
+    options.format = format == "csv"    ? Format::csv
+                     : format == "json" ? Format::json
+                                        : Format::table;
     return options;
 }
 
@@ -373,11 +358,12 @@ bool readReportFile(const std::string& file, Format format, std::ostream& out,
 int runReportTool(std::span<const std::string> args, std::ostream& out,
                   std::ostream& err)
 {
-    auto options = parseArgs(args, err);
-    if (!options)
+    auto parsed = parseArgs(args, out, err);
+    if (const int* code = std::get_if<int>(&parsed))
     {
-        return exitUsage;
+        return *code;
     }
+    const auto* options = &std::get<Options>(parsed);
     if (options->format == Format::csv)
     {
         writeCsvHeader(out);
