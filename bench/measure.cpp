@@ -34,19 +34,8 @@ Measurement measureProgram(const std::vector<std::string>& argv,
         throw std::runtime_error("cannot open " + errorFile + ": " +
                                  std::strerror(errno));
     }
-    auto args = argv;
-    auto environment = testsupport::environmentWith(env);
-    auto argp = testsupport::pointersTo(args);
-    auto envp = testsupport::pointersTo(environment);
     auto started = std::chrono::steady_clock::now();
-    pid_t pid = fork();
-    if (pid == 0)
-    {
-        dup2(outFd, STDOUT_FILENO);
-        dup2(errFd, STDERR_FILENO);
-        execvpe(argp[0], argp.data(), envp.data());
-        _exit(127);
-    }
+    pid_t pid = testsupport::spawn(argv, env, outFd, errFd);
     close(outFd);
     close(errFd);
     int status = 0;

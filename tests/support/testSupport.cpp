@@ -42,56 +42,6 @@ std::vector<std::string> words(const std::string& text)
     return result;
 }
 
-// Forks and executes `argv`; the child dies with this process. Only
-// async-signal-safe calls run between fork and exec.
-pid_t spawn(std::vector<std::string> argv, const EnvChanges& env, int outFd,
-            int errFd)
-{
-    auto environment = environmentWith(env);
-    auto args = pointersTo(argv);
-    auto envp = pointersTo(environment);
-    pid_t pid = fork();
-    if (pid < 0)
-    {
-        fail("fork");
-    }
-    if (pid == 0)
-    {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        dup2(outFd, STDOUT_FILENO);
-        dup2(errFd, STDERR_FILENO);
-        execvpe(args[0], args.data(), envp.data());
-        _exit(127);
-    }
-    return pid;
-}
-
-std::string readAll(int fd)
-{
-    std::string text;
-    std::array<char, 65536> buffer{};
-    lseek(fd, 0, SEEK_SET);
-    for (ssize_t got; (got = read(fd, buffer.data(), buffer.size())) > 0;)
-    {
-        text.append(buffer.data(), static_cast<size_t>(got));
-    }
-    return text;
-}
-
-void decode(int status, RunResult& result)
-{
-    if (WIFEXITED(status))
-    {
-        result.exitCode = WEXITSTATUS(status);
-    }
-    else if (WIFSIGNALED(status))
-    {
-        result.termSignal = WTERMSIG(status);
-    }
-}
-
-} // namespace
-
 std::vector<std::string> environmentWith(const EnvChanges& changes)
 {
     std::vector<std::string> result;
@@ -123,6 +73,56 @@ std::vector<char*> pointersTo(std::vector<std::string>& strings)
     }
     result.push_back(nullptr);
     return result;
+}
+
+std::string readAll(int fd)
+{
+    std::string text;
+    std::array<char, 65536> buffer{};
+    lseek(fd, 0, SEEK_SET);
+    for (ssize_t got; (got = read(fd, buffer.data(), buffer.size())) > 0;)
+    {
+        text.append(buffer.data(), static_cast<size_t>(got));
+    }
+    return text;
+}
+
+void decode(int status, RunResult& result)
+{
+    if (WIFEXITED(status))
+    {
+        result.exitCode = WEXITSTATUS(status);
+    }
+    else if (WIFSIGNALED(status))
+    {
+        result.termSignal = WTERMSIG(status);
+    }
+}
+
+} // namespace
+
+// Only async-signal-safe calls run between fork and exec: the argument and
+// environment arrays are made before.
+pid_t spawn(std::vector<std::string> argv, const EnvChanges& env, int outFd,
+            int errFd)
+{
+    auto environment = environmentWith(env);
+    auto args = pointersTo(argv);
+    auto envp = pointersTo(environment);
+    pid_t pid = fork();
+    if (pid < 0)
+    {
+        fail("fork");
+    }
+    if (pid == 0)
+    {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        dup2(outFd, STDOUT_FILENO);
+        dup2(errFd, STDERR_FILENO);
+        execvpe(args[0], args.data(), envp.data());
+        _exit(127);
+    }
+    return pid;
 }
 
 TempDir::TempDir()

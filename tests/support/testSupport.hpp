@@ -45,10 +45,11 @@ std::string readFile(const std::string& path);
 // removes it. Everything else is inherited.
 using EnvChanges = std::map<std::string, std::optional<std::string>>;
 
-// This process's environment with `changes` applied, as NAME=value texts.
-std::vector<std::string> environmentWith(const EnvChanges& changes);
-// The argument array of `strings` for an exec call, ending in a null.
-std::vector<char*> pointersTo(std::vector<std::string>& strings);
+// Forks and executes `argv` (its first word looked up in PATH) with `env`
+// applied and standard output and error on `outFd` and `errFd`; the child
+// dies with this process. Returns its process id.
+pid_t spawn(std::vector<std::string> argv, const EnvChanges& env, int outFd,
+            int errFd);
 
 struct RunResult
 {
