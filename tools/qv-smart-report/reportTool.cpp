@@ -363,21 +363,21 @@ int runReportTool(std::span<const std::string> args, std::ostream& out,
     {
         return *code;
     }
-    const auto* options = &std::get<Options>(parsed);
-    if (options->format == Format::csv)
+    const Options& options = std::get<Options>(parsed);
+    if (options.format == Format::csv)
     {
         writeCsvHeader(out);
     }
     HealthTable table;
     int status = exitOk;
-    for (const auto& file : options->files)
+    for (const auto& file : options.files)
     {
-        if (!readReportFile(file, options->format, out, err, table))
+        if (!readReportFile(file, options.format, out, err, table))
         {
             status = exitDamaged;
         }
     }
-    if (options->format == Format::table)
+    if (options.format == Format::table)
     {
         table.print(out);
     }
