@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <limits>
 #include <span>
 #include <string_view>
 
@@ -11,11 +12,18 @@ namespace qvreport
 namespace
 {
 
-constexpr long long ssdHotC = 70;
-constexpr long long hddHotC = 60;
-constexpr long long lifeLowPercent = 10;
-constexpr long long usedHighPercent = 90;
-constexpr long long kelvinOffset = 273;
+constexpr std::int64_t kelvinOffset = 273;
+
+// Counters past the signed 64-bit range show as its top value.
+Figure figure(std::optional<std::uint64_t> value)
+{
+    if (!value)
+    {
+        return std::nullopt;
+    }
+    constexpr auto top = std::numeric_limits<std::int64_t>::max();
+    return *value > std::uint64_t(top) ? top : std::int64_t(*value);
+}
 
 std::optional<std::uint64_t> number(const Node& record, std::string_view key)
 {
@@ -34,26 +42,9 @@ std::optional<std::uint64_t> number(const Node& record, std::string_view key)
     return value;
 }
 
-Reading reading(std::optional<std::uint64_t> value)
+Figure field(const Node& record, std::string_view key)
 {
-    Reading result;
-    if (value)
-    {
-        result.value = static_cast<long long>(*value);
-    }
-    return result;
-}
-
-Reading countAlert(std::optional<std::uint64_t> value)
-{
-    Reading result = reading(value);
-    result.alert = value && *value > 0;
-    return result;
-}
-
-Reading temperature(std::optional<long long> celsius, long long hot)
-{
-    return {celsius, celsius && *celsius >= hot};
+    return figure(number(record, key));
 }
 
 DriveHealth solidState(const Node& record)
@@ -61,47 +52,43 @@ DriveHealth solidState(const Node& record)
     DriveHealth health;
     auto protocol = number(record, "Protocol").value_or(0);
     health.driveClass = (protocol & 0x20) != 0 ? "SAS SSD" : "SATA SSD";
-    auto temp = number(record, "Drive Temp");
-    health.temperatureC = temperature(
-        temp ? std::optional<long long>(*temp) : std::nullopt, ssdHotC);
-    health.lifeRemaining = reading(number(record, "percentDriveLifeRemaining"));
-    health.lifeRemaining.alert = health.lifeRemaining.value &&
-                                 *health.lifeRemaining.value <= lifeLowPercent;
-    health.powerOnHours = reading(number(record, "Power On hours"));
-    health.mediaErrors = countAlert(number(record, "uncorrectableErrorCount"));
-    health.crcErrors = countAlert(number(record, "CRCErrorCount"));
-    health.reallocated = countAlert(number(record, "Reallocated block count"));
-    health.pending = countAlert(number(record, "currentPendingSectorCount"));
+    health.temperatureC = field(record, "Drive Temp");
+    health.lifeRemaining = field(record, "percentDriveLifeRemaining");
+    health.powerOnHours = field(record, "Power On hours");
+    health.mediaErrors = field(record, "uncorrectableErrorCount");
+    health.crcErrors = field(record, "CRCErrorCount");
+    health.reallocated = field(record, "Reallocated block count");
+    health.pending = field(record, "currentPendingSectorCount");
+    health.commandTimeouts = field(record, "commandTimeout");
     return health;
+}
+
+// A 128-bit counter of the NVMe log, from its two halves.
+Figure wideCounter(const Node& record, const std::string& name)
+{
+    auto upper = number(record, name + " Upper");
+    auto lower = number(record, name + " Lower");
+    if (upper && *upper != 0)
+    {
+        return std::numeric_limits<std::int64_t>::max();
+    }
+    return figure(lower);
 }
 
 DriveHealth nvme(const Node& record)
 {
     DriveHealth health;
     health.driveClass = "NVMe";
-    if (auto kelvin = number(record, "Composite Temperature"); kelvin)
+    if (auto kelvin = field(record, "Composite Temperature"); kelvin)
     {
-        health.temperatureC = temperature(
-            static_cast<long long>(*kelvin) - kelvinOffset, ssdHotC);
+        health.temperatureC = *kelvin - kelvinOffset;
     }
-    health.percentUsed = reading(number(record, "Percentage used"));
-    health.percentUsed.alert = health.percentUsed.value &&
-                               *health.percentUsed.value >= usedHighPercent;
-    health.powerOnHours = reading(number(record, "PowerOnHours Lower"));
-    health.mediaErrors =
-        countAlert(number(record, "MediaAndDataIntegrityErrs Lower"));
-    health.mediaErrors.alert =
-        health.mediaErrors.alert ||
-        number(record, "MediaAndDataIntegrityErrs Upper").value_or(0) != 0;
-    health.availableSpare = reading(number(record, "Available Spare"));
-    auto threshold = number(record, "Available Spare Threshold");
-    health.availableSpare.alert =
-        health.availableSpare.value && threshold &&
-        *health.availableSpare.value < static_cast<long long>(*threshold);
-    if (auto bits = number(record, "Critical Warning"); bits)
-    {
-        health.criticalWarnings = criticalWarningNames(*bits);
-    }
+    health.percentUsed = field(record, "Percentage used");
+    health.powerOnHours = wideCounter(record, "PowerOnHours");
+    health.mediaErrors = wideCounter(record, "MediaAndDataIntegrityErrs");
+    health.availableSpare = field(record, "Available Spare");
+    health.spareThreshold = field(record, "Available Spare Threshold");
+    health.criticalWarning = number(record, "Critical Warning");
     return health;
 }
 
@@ -165,12 +152,13 @@ std::optional<std::uint64_t> bigEndian(std::optional<std::vector<unsigned>> v,
     return value;
 }
 
-void addTo(Reading& total, std::optional<std::uint64_t> count)
+void addTo(Figure& total, std::optional<std::uint64_t> count)
 {
-    if (count)
+    if (auto value = figure(count); value)
     {
-        total.value = total.value.value_or(0) + static_cast<long long>(*count);
-        total.alert = *total.value > 0;
+        constexpr auto top = std::numeric_limits<std::int64_t>::max();
+        std::int64_t sum = total.value_or(0);
+        total = sum > top - *value ? top : sum + *value;
     }
 }
 
@@ -179,21 +167,20 @@ void sataPage(DriveHealth& health, std::string_view name,
 {
     if (name == "genStatistics")
     {
-        health.powerOnHours = reading(statistic(page, 0x10, 4));
+        health.powerOnHours = figure(statistic(page, 0x10, 4));
     }
     else if (name == "rotaStatistics")
     {
-        health.reallocated = countAlert(statistic(page, 0x20, 4));
-        health.pending = countAlert(statistic(page, 0x38, 4));
+        health.reallocated = figure(statistic(page, 0x20, 4));
+        health.pending = figure(statistic(page, 0x38, 4));
     }
     else if (name == "genErrStatistics")
     {
-        health.mediaErrors = countAlert(statistic(page, 0x08, 4));
+        health.mediaErrors = figure(statistic(page, 0x08, 4));
     }
     else if (auto t = statistic(page, 0x08, 1); name == "tempStatistics" && t)
     {
-        health.temperatureC =
-            temperature(static_cast<signed char>(*t), hddHotC);
+        health.temperatureC = static_cast<signed char>(*t);
     }
 }
 
@@ -218,15 +205,14 @@ void sasPage(DriveHealth& health, std::string_view name,
                            : std::nullopt;
         if (celsius && *celsius != 0xff)
         {
-            health.temperatureC =
-                temperature(static_cast<long long>(*celsius), hddHotC);
+            health.temperatureC = figure(celsius);
         }
     }
     else if (name == "backGrndScanResult")
     {
         auto minutes = bigEndian(logParameter(page, 0), 0, 4);
         health.powerOnHours =
-            reading(minutes ? std::optional(*minutes / 60) : std::nullopt);
+            figure(minutes ? std::optional(*minutes / 60) : std::nullopt);
     }
 }
 
@@ -305,6 +291,13 @@ std::vector<std::string> criticalWarningNames(std::uint64_t bits)
         }
     }
     return set;
+}
+
+std::string_view figureName(Figure DriveHealth::*figure)
+{
+    const auto* column =
+        std::ranges::find(figureColumns, figure, &FigureColumn::figure);
+    return column->name;
 }
 
 std::vector<DriveHealth> driveHealth(const Document& document)

@@ -2,37 +2,62 @@
 
 #include "reportDocument.hpp"
 
+#include <array>
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace qvreport
 {
 
-// One health figure and whether it is past its alert threshold.
-struct Reading
-{
-    std::optional<long long> value;
-    bool alert = false;
-};
+// A health figure; nothing when the report has none for the drive's class
+// or it cannot be read.
+using Figure = std::optional<std::int64_t>;
 
 struct DriveHealth
 {
     std::string fqdd;
     std::string driveClass;
-    Reading temperatureC;
-    Reading lifeRemaining;
-    Reading percentUsed;
-    Reading powerOnHours;
-    Reading mediaErrors;
-    Reading crcErrors;
-    Reading reallocated;
-    Reading pending;
-    Reading availableSpare;
-    // Names of the set NVMe critical-warning bits; alert when any is set.
-    std::optional<std::vector<std::string>> criticalWarnings;
+    Figure temperatureC;
+    Figure lifeRemaining;
+    Figure percentUsed;
+    Figure powerOnHours;
+    Figure mediaErrors;
+    Figure crcErrors;
+    Figure reallocated;
+    Figure pending;
+    Figure commandTimeouts;
+    Figure availableSpare;
+    Figure spareThreshold;
+    // NVMe critical-warning bits.
+    std::optional<std::uint64_t> criticalWarning;
 };
+
+// The figures the outputs show, in their order, by their column names.
+struct FigureColumn
+{
+    std::string_view name;
+    std::string_view heading;
+    Figure DriveHealth::*figure;
+};
+
+inline constexpr auto figureColumns = std::to_array<FigureColumn>({
+    {"temp_c", "TEMP_C", &DriveHealth::temperatureC},
+    {"life_remaining", "LIFE", &DriveHealth::lifeRemaining},
+    {"percent_used", "USED%", &DriveHealth::percentUsed},
+    {"power_on_hours", "POH", &DriveHealth::powerOnHours},
+    {"media_errors", "MEDIA", &DriveHealth::mediaErrors},
+    {"crc_errors", "CRC", &DriveHealth::crcErrors},
+    {"reallocated", "REALLOC", &DriveHealth::reallocated},
+    {"pending", "PENDING", &DriveHealth::pending},
+    {"command_timeouts", "TIMEOUTS", &DriveHealth::commandTimeouts},
+    {"available_spare", "SPARE", &DriveHealth::availableSpare},
+});
+
+// The column name of a figure.
+std::string_view figureName(Figure DriveHealth::*figure);
 
 // Health of every drive of a decoded (logs) or raw-data report document.
 // Solid-state raw dumps are left out: their figures come from the logs

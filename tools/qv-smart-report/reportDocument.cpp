@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cctype>
+#include <filesystem>
+#include <fstream>
 #include <string>
 
 namespace qvreport
@@ -392,6 +394,46 @@ std::optional<std::vector<unsigned>> decodeHexRows(const Node& group)
         }
     }
     return octets;
+}
+
+bool readReportFile(const std::string& file, std::ostream& err,
+                    const std::function<void(const Document&)>& each)
+{
+    std::error_code error;
+    if (!std::filesystem::is_regular_file(file, error))
+    {
+        err << file << ": not a regular file\n";
+        return false;
+    }
+    std::ifstream in(file, std::ios::binary);
+    if (!in)
+    {
+        err << file << ": cannot be read\n";
+        return false;
+    }
+    ReportReader reader(in);
+    bool intact = true;
+    for (;;)
+    {
+        auto document = reader.next();
+        for (const auto& problem : reader.problems())
+        {
+            err << file << ':' << problem.line << ": "
+                << (problem.damage ? "" : "note: ") << problem.reason << '\n';
+            intact = intact && !problem.damage;
+        }
+        if (!document)
+        {
+            break;
+        }
+        each(*document);
+    }
+    if (in.bad())
+    {
+        err << file << ": read error\n";
+        intact = false;
+    }
+    return intact;
 }
 
 } // namespace qvreport

@@ -1,7 +1,9 @@
 #pragma once
 
+#include <functional>
 #include <istream>
 #include <optional>
+#include <ostream>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -80,5 +82,12 @@ private:
 // Octets of a group made only of hex rows ("000010": "0a 0b ..."), in row
 // order; nothing when the group is not such a dump.
 std::optional<std::vector<unsigned>> decodeHexRows(const Node& group);
+
+// Hands every document of one report file to `each`, naming each problem on
+// `err` as "<file>:<line>: <reason>"; false when the file cannot be read or
+// holds damage. A FIFO, a device or a directory is refused: a report is a
+// regular file, and reading the others may never end.
+bool readReportFile(const std::string& file, std::ostream& err,
+                    const std::function<void(const Document&)>& each);
 
 } // namespace qvreport

@@ -1,14 +1,14 @@
 #include "reportTool.hpp"
 
+#include "history.hpp"
+#include "verdict.hpp"
+
 #include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
 
 #include <algorithm>
-#include <array>
-#include <cctype>
 #include <charconv>
 #include <cstdint>
-#include <filesystem>
-#include <fstream>
 #include <iomanip>
 #include <variant>
 
@@ -17,92 +17,47 @@ namespace qvreport
 namespace
 {
 
-void writeJsonString(std::ostream& out, std::string_view text)
-{
-    out << '"';
-    for (char c : text)
-    {
-        auto octet = static_cast<unsigned char>(c);
-        if (c == '"' || c == '\\')
-        {
-            out << '\\' << c;
-        }
-        else if (octet < 0x20)
-        {
-            out << "\\u" << std::hex << std::setw(4) << std::setfill('0')
-                << unsigned{octet} << std::dec << std::setfill(' ');
-        }
-        else
-        {
-            out << c;
-        }
-    }
-    out << '"';
-}
+using Json = nlohmann::ordered_json;
 
-// Unsigned 64-bit values in their plain decimal form become JSON numbers
-// verbatim, so counters stay exact; any other text stays a string.
-bool isJsonNumber(const std::string& text)
+// Unsigned 64-bit values in their plain decimal form become JSON numbers,
+// so counters stay exact; any other text stays a string.
+Json textValue(const std::string& text)
 {
-    uint64_t value = 0;
+    std::uint64_t value = 0;
     const char* end = text.data() + text.size();
     auto [stop, error] = std::from_chars(text.data(), end, value);
-    return error == std::errc() && stop == end &&
-           (text == "0" || text.front() != '0');
+    bool plain = error == std::errc() && stop == end &&
+                 (text == "0" || text.front() != '0');
+    return plain ? Json(value) : Json(text);
 }
 
-void writeJsonValue(std::ostream& out, const Node& node)
+// Names may repeat (every entry without an FQDD is named ""), which a JSON
+// object's insertion would merge: members are appended to the ordered
+// object's list as they are.
+Json nodeJson(const Node& node)
 {
     if (!node.isObject)
     {
-        if (isJsonNumber(node.text))
-        {
-            out << node.text;
-        }
-        else
-        {
-            writeJsonString(out, node.text);
-        }
-        return;
+        return textValue(node.text);
     }
     if (auto octets = decodeHexRows(node); octets)
     {
-        out << '[';
-        for (size_t i = 0; i < octets->size(); ++i)
-        {
-            out << (i == 0 ? "" : ",") << (*octets)[i];
-        }
-        out << ']';
-        return;
+        Json array = *octets;
+        return array;
     }
-    out << '{';
-    for (size_t i = 0; i < node.members.size(); ++i)
+    Json object = Json::object();
+    auto& members = object.get_ref<Json::object_t&>();
+    for (const auto& member : node.members)
     {
-        out << (i == 0 ? "" : ",");
-        writeJsonString(out, node.members[i].name);
-        out << ':';
-        writeJsonValue(out, node.members[i]);
+        members.emplace_back(member.name, nodeJson(member));
     }
-    out << '}';
+    return object;
 }
 
-struct Column
+std::string figureText(const Figure& figure)
 {
-    const char* title;
-    const Reading DriveHealth::*reading;
-};
-
-constexpr auto readingColumns = std::to_array<Column>({
-    {"temp_c", &DriveHealth::temperatureC},
-    {"life_remaining", &DriveHealth::lifeRemaining},
-    {"percent_used", &DriveHealth::percentUsed},
-    {"power_on_hours", &DriveHealth::powerOnHours},
-    {"media_errors", &DriveHealth::mediaErrors},
-    {"crc_errors", &DriveHealth::crcErrors},
-    {"reallocated", &DriveHealth::reallocated},
-    {"pending", &DriveHealth::pending},
-    {"available_spare", &DriveHealth::availableSpare},
-});
+    return figure ? std::to_string(*figure) : "";
+}
 
 std::string joined(const std::vector<std::string>& names, char separator)
 {
@@ -114,27 +69,114 @@ std::string joined(const std::vector<std::string>& names, char separator)
     return text;
 }
 
-std::string readingText(const Reading& reading)
+// Flagged figures, by column name, for the csv "alerts" column.
+std::vector<std::string> alerts(const Assessment& assessment)
 {
-    return reading.value ? std::to_string(*reading.value) : "";
-}
-
-// Alerted figures, by column title, for the csv "alerts" column.
-std::vector<std::string> alerts(const DriveHealth& drive)
-{
-    std::vector<std::string> titles;
-    for (const auto& column : readingColumns)
+    std::vector<std::string> names;
+    for (const auto& column : figureColumns)
     {
-        if ((drive.*column.reading).alert)
+        if (assessment.flags(column.name))
         {
-            titles.emplace_back(column.title);
+            names.emplace_back(column.name);
         }
     }
-    if (drive.criticalWarnings && !drive.criticalWarnings->empty())
+    if (assessment.flags("critical_warning"))
     {
-        titles.emplace_back("critical_warning");
+        names.emplace_back("critical_warning");
     }
-    return titles;
+    return names;
+}
+
+std::vector<std::string> tableCells(const DriveHealth& drive,
+                                    const Assessment& assessment)
+{
+    std::vector<std::string> cells{
+        drive.fqdd.empty() ? "(no FQDD)" : drive.fqdd, drive.driveClass};
+    for (const auto& column : figureColumns)
+    {
+        const Figure& figure = drive.*column.figure;
+        cells.push_back(figure ? figureText(figure) +
+                                     (assessment.flags(column.name) ? "!" : "")
+                               : "-");
+    }
+    if (!drive.criticalWarning)
+    {
+        cells.emplace_back("-");
+    }
+    else
+    {
+        auto names = criticalWarningNames(*drive.criticalWarning);
+        cells.push_back(names.empty() ? "none" : joined(names, ',') + "!");
+    }
+    cells.emplace_back(verdictName(assessment.verdict));
+    cells.push_back(assessment.reasonsText());
+    return cells;
+}
+
+std::vector<std::string> tableHeading()
+{
+    std::vector<std::string> heading{"FQDD", "CLASS"};
+    for (const auto& column : figureColumns)
+    {
+        heading.emplace_back(column.heading);
+    }
+    heading.insert(heading.end(), {"CRITICAL_WARNING", "VERDICT", "REASONS"});
+    return heading;
+}
+
+void writeCsvHeader(std::ostream& out)
+{
+    out << "file,fqdd,class";
+    for (const auto& column : figureColumns)
+    {
+        out << ',' << column.name;
+    }
+    out << ",critical_warning,alerts,verdict,reasons\n";
+}
+
+void writeCsvRow(std::ostream& out, const std::string& file,
+                 const DriveHealth& drive, const Assessment& assessment)
+{
+    out << csvCell(file) << ',' << csvCell(drive.fqdd) << ','
+        << drive.driveClass;
+    for (const auto& column : figureColumns)
+    {
+        out << ',' << figureText(drive.*column.figure);
+    }
+    std::string warnings;
+    if (drive.criticalWarning)
+    {
+        auto names = criticalWarningNames(*drive.criticalWarning);
+        warnings = names.empty() ? "none" : joined(names, ';');
+    }
+    out << ',' << csvCell(warnings) << ',' << joined(alerts(assessment), ';')
+        << ',' << verdictName(assessment.verdict) << ','
+        << csvCell(assessment.reasonsText()) << '\n';
+}
+
+int verdictBits(Verdict verdict)
+{
+    switch (verdict)
+    {
+        case Verdict::failed:
+            return exitFailed;
+        case Verdict::warning:
+            return exitWarning;
+        case Verdict::passed:
+            break;
+    }
+    return exitOk;
+}
+
+} // namespace
+
+void writeJson(std::ostream& out, const std::string& file,
+               const Document& document)
+{
+    Json line{{"file", file},
+              {"line", document.line},
+              {"report", nodeJson(document.root)}};
+    out << line.dump(-1, ' ', false, Json::error_handler_t::replace) << '\n';
 }
 
 std::string csvCell(const std::string& text)
@@ -151,142 +193,16 @@ std::string csvCell(const std::string& text)
     return quoted + '"';
 }
 
-std::vector<std::string> tableCells(const DriveHealth& drive)
-{
-    std::vector<std::string> cells{
-        drive.fqdd.empty() ? "(no FQDD)" : drive.fqdd, drive.driveClass};
-    for (const auto& column : readingColumns)
-    {
-        const Reading& reading = drive.*column.reading;
-        cells.push_back(reading.value
-                            ? readingText(reading) + (reading.alert ? "!" : "")
-                            : "-");
-    }
-    if (!drive.criticalWarnings)
-    {
-        cells.emplace_back("-");
-    }
-    else
-    {
-        cells.push_back(drive.criticalWarnings->empty()
-                            ? "none"
-                            : joined(*drive.criticalWarnings, ',') + "!");
-    }
-    return cells;
-}
-
-struct Options
-{
-    Format format = Format::table;
-    std::vector<std::string> files;
-};
-
-// The command line, through CLI11: --help and --version answer on standard
-// output with exit code 0, any other problem says what is wrong on standard
-// error with exit code 2.
-std::variant<Options, int> parseArgs(std::span<const std::string> args,
-                                     std::ostream& out, std::ostream& err)
-{
-    Options options;
-    CLI::App app{"Reads the collector's reports and prints them as strict "
-                 "JSON, CSV or a per-drive health table.",
-                 "qv-smart-report"};
-    app.set_version_flag("--version", std::string(QV_SMART_REPORT_VERSION));
-    std::string format = "table";
-    app.add_option("--format", format, "table (default), csv or json")
-        ->check(CLI::IsMember({"table", "csv", "json"}));
-    app.add_option("REPORT", options.files, "report files, read in this order")
-        ->required();
-    // CLI11 takes the arguments last first.
-    std::vector<std::string> reversed(args.rbegin(), args.rend());
-    try
-    {
-        app.parse(reversed);
-    }
-    catch (const CLI::ParseError& error)
-    {
-        return app.exit(error, out, err) == 0 ? exitOk : exitUsage;
-    }
-    options.format = format == "csv"    ? Format::csv
-                     : format == "json" ? Format::json
-                                        : Format::table;
-    return options;
-}
-
-void writeDocument(std::ostream& out, Format format, const std::string& file,
-                   const Document& document, HealthTable& table)
-{
-    switch (format)
-    {
-        case Format::json:
-            writeJson(out, file, document);
-            break;
-        case Format::csv:
-            writeCsvRows(out, file, driveHealth(document));
-            break;
-        case Format::table:
-            table.add(driveHealth(document));
-            break;
-    }
-}
-
-} // namespace
-
-void writeJson(std::ostream& out, const std::string& file,
-               const Document& document)
-{
-    out << "{\"file\":";
-    writeJsonString(out, file);
-    out << ",\"line\":" << document.line << ",\"report\":";
-    writeJsonValue(out, document.root);
-    out << "}\n";
-}
-
-void writeCsvHeader(std::ostream& out)
-{
-    out << "file,fqdd,class";
-    for (const auto& column : readingColumns)
-    {
-        out << ',' << column.title;
-    }
-    out << ",critical_warning,alerts\n";
-}
-
-void writeCsvRows(std::ostream& out, const std::string& file,
-                  const std::vector<DriveHealth>& drives)
-{
-    for (const auto& drive : drives)
-    {
-        out << csvCell(file) << ',' << csvCell(drive.fqdd) << ','
-            << drive.driveClass;
-        for (const auto& column : readingColumns)
-        {
-            out << ',' << readingText(drive.*column.reading);
-        }
-        out << ','
-            << (drive.criticalWarnings
-                    ? csvCell(drive.criticalWarnings->empty()
-                                  ? "none"
-                                  : joined(*drive.criticalWarnings, ';'))
-                    : "")
-            << ',' << joined(alerts(drive), ';') << '\n';
-    }
-}
-
-HealthTable::HealthTable() :
-    rows{{"FQDD", "CLASS", "TEMP_C", "LIFE", "USED%", "POH", "MEDIA", "CRC",
-          "REALLOC", "PENDING", "SPARE", "CRITICAL_WARNING"}}
+TextTable::TextTable(std::vector<std::string> heading) :
+    rows{std::move(heading)}
 {}
 
-void HealthTable::add(const std::vector<DriveHealth>& drives)
+void TextTable::add(std::vector<std::string> row)
 {
-    for (const auto& drive : drives)
-    {
-        rows.push_back(tableCells(drive));
-    }
+    rows.push_back(std::move(row));
 }
 
-void HealthTable::print(std::ostream& out) const
+void TextTable::print(std::ostream& out) const
 {
     std::vector<size_t> widths(rows.front().size(), 0);
     for (const auto& row : rows)
@@ -298,59 +214,191 @@ void HealthTable::print(std::ostream& out) const
     }
     for (const auto& row : rows)
     {
+        std::string line;
         for (size_t i = 0; i + 1 < row.size(); ++i)
         {
-            out << std::left << std::setw(static_cast<int>(widths[i])) << row[i]
-                << ' ';
+            line += row[i] + std::string(widths[i] - row[i].size() + 1, ' ');
         }
-        out << row.back() << '\n';
+        line += row.back();
+        // An empty last cell leaves no trailing blanks behind.
+        line.erase(line.find_last_not_of(' ') + 1);
+        out << line << '\n';
     }
 }
 
 namespace
 {
 
-// Writes every document of one report file; false when the file cannot be
-// read or holds damage. A FIFO, a device or a directory is refused: a report
-// is a regular file, and reading the others may never end.
-bool readReportFile(const std::string& file, Format format, std::ostream& out,
-                    std::ostream& err, HealthTable& table)
+enum class Format
 {
-    std::error_code error;
-    if (!std::filesystem::is_regular_file(file, error))
+    table,
+    csv,
+    json
+};
+
+struct Options
+{
+    bool history = false;
+    Format format = Format::table;
+    std::vector<std::string> paths;
+    Period period;
+};
+
+Format formatOf(const std::string& name)
+{
+    return name == "csv"    ? Format::csv
+           : name == "json" ? Format::json
+                            : Format::table;
+}
+
+// A day option: "2026-11-24" or "20261124".
+CLI::Option* addDay(CLI::App& app, const std::string& name,
+                    std::optional<Day>& day, const std::string& help)
+{
+    return app.add_option_function<std::string>(
+        name,
+        [&day, name](const std::string& text) {
+            day = parseDay(text);
+            if (!day)
+            {
+                throw CLI::ValidationError(name, "not a day: " + text);
+            }
+        },
+        help);
+}
+
+void addHistory(CLI::App& app, Options& options, std::string& format)
+{
+    auto* history = app.add_subcommand(
+        "history", "Follows every drive by its FQDD across the days of "
+                   "report files and directories.");
+    history->add_option("--format", format, "table (default), csv or json")
+        ->check(CLI::IsMember({"table", "csv", "json"}));
+    addDay(*history, "--since", options.period.since,
+           "first day to read, YYYY-MM-DD");
+    addDay(*history, "--until", options.period.until,
+           "last day to read, YYYY-MM-DD");
+    addDay(*history, "--date", options.period.date,
+           "day of SmartLogs.json/SmartRawData.json files, instead of "
+           "their modification time");
+    history->add_option("PATH", options.paths, "report files and directories")
+        ->required();
+    history->final_callback([&options] { options.history = true; });
+}
+
+// The command line, through CLI11: --help and --version answer on standard
+// output with exit code 0, any other problem says what is wrong on standard
+// error with the usage bit.
+std::variant<Options, int> parseArgs(std::span<const std::string> args,
+                                     std::ostream& out, std::ostream& err)
+{
+    Options options;
+    CLI::App app{"Reads the collector's reports and prints a per-drive "
+                 "health table with verdicts, CSV or strict JSON; "
+                 "\"history\" follows the drives across days.",
+                 "qv-smart-report"};
+    app.set_version_flag("--version", std::string(QV_SMART_REPORT_VERSION));
+    std::string format = "table";
+    app.add_option("--format", format, "table (default), csv or json")
+        ->check(CLI::IsMember({"table", "csv", "json"}));
+    app.add_option("REPORT", options.paths, "report files, read in this order");
+    addHistory(app, options, format);
+    app.require_subcommand(0, 1);
+    // CLI11 takes the arguments last first.
+    std::vector<std::string> reversed(args.rbegin(), args.rend());
+    try
     {
-        err << file << ": not a regular file\n";
-        return false;
+        app.parse(reversed);
+        if (options.paths.empty())
+        {
+            throw CLI::RequiredError("REPORT");
+        }
     }
-    std::ifstream in(file, std::ios::binary);
-    if (!in)
+    catch (const CLI::ParseError& error)
     {
-        err << file << ": cannot be read\n";
-        return false;
+        return app.exit(error, out, err) == 0 ? exitOk : exitUsage;
     }
-    ReportReader reader(in);
+    options.format = formatOf(format);
+    return options;
+}
+
+// Every drive of every document, in the chosen format: the health view.
+int showReports(const Options& options, std::ostream& out, std::ostream& err)
+{
+    if (options.format == Format::csv)
+    {
+        writeCsvHeader(out);
+    }
+    TextTable table(tableHeading());
+    int status = exitOk;
+    for (const auto& file : options.paths)
+    {
+        auto each = [&](const Document& document) {
+            if (options.format == Format::json)
+            {
+                writeJson(out, file, document);
+            }
+            for (const auto& drive : driveHealth(document))
+            {
+                Assessment assessment(snapshotReasons(drive));
+                status |= verdictBits(assessment.verdict);
+                if (options.format == Format::csv)
+                {
+                    writeCsvRow(out, file, drive, assessment);
+                }
+                else if (options.format == Format::table)
+                {
+                    table.add(tableCells(drive, assessment));
+                }
+            }
+        };
+        if (!readReportFile(file, err, each))
+        {
+            status |= exitDamaged;
+        }
+    }
+    if (options.format == Format::table)
+    {
+        table.print(out);
+    }
+    return status;
+}
+
+int showHistory(const Options& options, std::ostream& out, std::ostream& err)
+{
     bool intact = true;
-    for (;;)
+    History history;
+    for (const auto& file :
+         datedFiles(options.paths, options.period, err, intact))
     {
-        auto document = reader.next();
-        for (const auto& problem : reader.problems())
+        auto each = [&](const Document& document) {
+            history.add(file.day, document);
+        };
+        intact = readReportFile(file.path, err, each) && intact;
+    }
+    int status = intact ? exitOk : exitDamaged;
+    for (const auto& drive : history.drives())
+    {
+        // A drive gone before the last day was replaced: its state is no
+        // longer the server's.
+        if (drive.samples.back().day == history.lastDay())
         {
-            err << file << ':' << problem.line << ": "
-                << (problem.damage ? "" : "note: ") << problem.reason << '\n';
-            intact = intact && !problem.damage;
+            status |= verdictBits(drive.assessment.verdict);
         }
-        if (!document)
-        {
+    }
+    switch (options.format)
+    {
+        case Format::json:
+            writeHistoryJson(out, history);
             break;
-        }
-        writeDocument(out, format, file, *document, table);
+        case Format::csv:
+            writeHistoryCsv(out, history);
+            break;
+        case Format::table:
+            writeHistoryTable(out, history);
+            break;
     }
-    if (in.bad())
-    {
-        err << file << ": read error\n";
-        intact = false;
-    }
-    return intact;
+    return status;
 }
 
 } // namespace
@@ -364,24 +412,8 @@ int runReportTool(std::span<const std::string> args, std::ostream& out,
         return *code;
     }
     const Options& options = std::get<Options>(parsed);
-    if (options.format == Format::csv)
-    {
-        writeCsvHeader(out);
-    }
-    HealthTable table;
-    int status = exitOk;
-    for (const auto& file : options.files)
-    {
-        if (!readReportFile(file, options.format, out, err, table))
-        {
-            status = exitDamaged;
-        }
-    }
-    if (options.format == Format::table)
-    {
-        table.print(out);
-    }
-    return status;
+    return options.history ? showHistory(options, out, err)
+                           : showReports(options, out, err);
 }
 
 } // namespace qvreport

@@ -11,34 +11,30 @@
 namespace qvreport
 {
 
-enum class Format
-{
-    table,
-    csv,
-    json
-};
-
-enum ExitCode
+// The exit status is a sum of these bits, so that scripts can test each.
+enum ExitBit
 {
     exitOk = 0,
     exitDamaged = 1,
-    exitUsage = 2
+    exitUsage = 2,
+    exitWarning = 4,
+    exitFailed = 8
 };
 
 // One JSON line for a document: {"file":..,"line":..,"report":{..}}.
 void writeJson(std::ostream& out, const std::string& file,
                const Document& document);
-void writeCsvHeader(std::ostream& out);
-void writeCsvRows(std::ostream& out, const std::string& file,
-                  const std::vector<DriveHealth>& drives);
 
-// The health view as a table, printed once every row is known: each column
-// is as wide as its widest cell.
-class HealthTable
+// A cell of a csv row, quoted when it holds a comma, a quote or a line break.
+std::string csvCell(const std::string& text);
+
+// Rows printed once all are known: each column is as wide as its widest
+// cell; the last one is not padded.
+class TextTable
 {
 public:
-    HealthTable();
-    void add(const std::vector<DriveHealth>& drives);
+    explicit TextTable(std::vector<std::string> heading);
+    void add(std::vector<std::string> row);
     void print(std::ostream& out) const;
 
 private:

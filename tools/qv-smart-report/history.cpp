@@ -1,0 +1,462 @@
+#include "history.hpp"
+
+#include "reportTool.hpp"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <ctime>
+#include <filesystem>
+#include <tuple>
+
+namespace qvreport
+{
+namespace fs = std::filesystem;
+
+namespace
+{
+
+std::optional<Day> modificationDay(const fs::path& path)
+{
+    struct stat status
+    {};
+    if (::stat(path.c_str(), &status) != 0)
+    {
+        return std::nullopt;
+    }
+    std::tm local{};
+    localtime_r(&status.st_mtime, &local);
+    return Day(std::chrono::year_month_day(
+        std::chrono::year(local.tm_year + 1900),
+        std::chrono::month(unsigned(local.tm_mon + 1)),
+        std::chrono::day(unsigned(local.tm_mday))));
+}
+
+std::optional<Day> dayOf(const fs::path& path, const Period& period)
+{
+    auto name = path.filename().string();
+    if (auto dated = datedReportName(name); dated)
+    {
+        return dated->day;
+    }
+    return period.date ? period.date : modificationDay(path);
+}
+
+bool inPeriod(Day day, const Period& period)
+{
+    return (!period.since || day >= *period.since) &&
+           (!period.until || day <= *period.until);
+}
+
+bool isReportName(const std::string& name)
+{
+    return datedReportName(name) || collectionReportName(name);
+}
+
+} // namespace
+
+std::vector<DatedFile> datedFiles(const std::vector<std::string>& paths,
+                                  const Period& period, std::ostream& err,
+                                  bool& intact)
+{
+    std::vector<DatedFile> files;
+    auto take = [&](const fs::path& path) {
+        auto day = dayOf(path, period);
+        if (!day)
+        {
+            err << path.string() << ": cannot be read\n";
+            intact = false;
+        }
+        else if (inPeriod(*day, period))
+        {
+            files.push_back({*day, path.string()});
+        }
+    };
+    for (const auto& path : paths)
+    {
+        std::error_code error;
+        if (!fs::is_directory(path, error))
+        {
+            take(path);
+            continue;
+        }
+        for (const auto& entry : fs::directory_iterator(path, error))
+        {
+            if (isReportName(entry.path().filename().string()))
+            {
+                take(entry.path());
+            }
+        }
+        if (error)
+        {
+            err << path << ": " << error.message() << '\n';
+            intact = false;
+        }
+    }
+    std::ranges::sort(files, [](const DatedFile& a, const DatedFile& b) {
+        return std::tie(a.day, a.path) < std::tie(b.day, b.path);
+    });
+    return files;
+}
+
+Trend trendOf(const DriveHistory& drive, Figure DriveHealth::*figure)
+{
+    Trend trend;
+    for (const auto& sample : drive.samples)
+    {
+        auto value = sample.health.*figure;
+        if (!value)
+        {
+            continue;
+        }
+        if (trend.last && *value > *trend.last)
+        {
+            ++trend.rises;
+            trend.firstRose = trend.firstRose.value_or(sample.day);
+        }
+        trend.first = trend.first.value_or(*value);
+        trend.min = std::min(trend.min.value_or(*value), *value);
+        trend.max = std::max(trend.max.value_or(*value), *value);
+        trend.last = value;
+    }
+    return trend;
+}
+
+namespace
+{
+
+bool holds(const std::vector<Reason>& reasons, const Reason& reason)
+{
+    return std::ranges::any_of(reasons, [&reason](const Reason& other) {
+        return other.figure == reason.figure && other.verdict == reason.verdict;
+    });
+}
+
+} // namespace
+
+Assessment historyAssessment(const DriveHistory& drive)
+{
+    std::vector<std::vector<Reason>> daily;
+    for (const auto& sample : drive.samples)
+    {
+        daily.push_back(snapshotReasons(sample.health));
+    }
+    std::vector<Reason> found;
+    for (auto reason : daily.empty() ? std::vector<Reason>{} : daily.back())
+    {
+        size_t from = daily.size() - 1;
+        while (from > 0 && holds(daily[from - 1], reason))
+        {
+            --from;
+        }
+        reason.since = drive.samples[from].day;
+        found.push_back(std::move(reason));
+    }
+    for (auto member : failureCounters)
+    {
+        auto trend = trendOf(drive, member);
+        if (trend.rises < risesThatFail)
+        {
+            continue;
+        }
+        auto name = std::string(figureName(member));
+        std::erase_if(found,
+                      [&name](const Reason& r) { return r.figure == name; });
+        found.push_back({Verdict::failed, name,
+                         name + " rose on " + std::to_string(trend.rises) +
+                             " days, " + std::to_string(*trend.first) + " -> " +
+                             std::to_string(*trend.last),
+                         trend.firstRose});
+    }
+    return Assessment(std::move(found));
+}
+
+void History::add(Day day, const Document& document)
+{
+    for (auto& drive : driveHealth(document))
+    {
+        if (drive.fqdd.empty())
+        {
+            continue;
+        }
+        first = std::min(first.value_or(day), day);
+        last = std::max(last.value_or(day), day);
+        auto fqdd = drive.fqdd;
+        timeline[fqdd].insert_or_assign(day, std::move(drive));
+    }
+}
+
+std::vector<DriveHistory> History::drives() const
+{
+    std::vector<DriveHistory> followed;
+    for (const auto& [fqdd, days] : timeline)
+    {
+        DriveHistory drive{fqdd, {}};
+        for (const auto& [day, health] : days)
+        {
+            drive.samples.push_back({day, health});
+        }
+        drive.assessment = historyAssessment(drive);
+        followed.push_back(std::move(drive));
+    }
+    std::ranges::stable_sort(
+        followed, std::greater{},
+        [](const DriveHistory& drive) { return drive.assessment.verdict; });
+    return followed;
+}
+
+namespace
+{
+
+using Json = nlohmann::ordered_json;
+
+Json optionalJson(const auto& value)
+{
+    return value ? Json(*value) : Json();
+}
+
+Json optionalDay(std::optional<Day> day)
+{
+    return day ? Json(dayText(*day)) : Json();
+}
+
+bool isCounter(Figure DriveHealth::*member)
+{
+    return member == &DriveHealth::crcErrors ||
+           std::ranges::find(failureCounters, member) != failureCounters.end();
+}
+
+Json trendJson(const Trend& trend, bool counter)
+{
+    Json figure{{"first", *trend.first},
+                {"last", *trend.last},
+                {"change", *trend.last - *trend.first},
+                {"min", *trend.min},
+                {"max", *trend.max}};
+    if (counter)
+    {
+        figure["rises"] = trend.rises;
+        figure["first_rose"] = optionalDay(trend.firstRose);
+    }
+    return figure;
+}
+
+Json reasonsJson(const Assessment& assessment)
+{
+    Json reasons = Json::array();
+    for (const auto& reason : assessment.reasons)
+    {
+        reasons.push_back({{"verdict", verdictName(reason.verdict)},
+                           {"figure", reason.figure},
+                           {"text", reason.text},
+                           {"since", optionalDay(reason.since)}});
+    }
+    return reasons;
+}
+
+} // namespace
+
+Json historyJson(const DriveHistory& drive, const History& history)
+{
+    const auto& lastHealth = drive.samples.back().health;
+    Json figures = Json::object();
+    for (const auto& column : figureColumns)
+    {
+        auto trend = trendOf(drive, column.figure);
+        if (trend.first)
+        {
+            figures[std::string(column.name)] =
+                trendJson(trend, isCounter(column.figure));
+        }
+    }
+    Json warnings;
+    if (lastHealth.criticalWarning)
+    {
+        warnings = criticalWarningNames(*lastHealth.criticalWarning);
+    }
+    Day firstDay = drive.samples.front().day;
+    Day lastDay = drive.samples.back().day;
+    return Json{{"fqdd", drive.fqdd},
+                {"class", lastHealth.driveClass},
+                {"first_day", dayText(firstDay)},
+                {"last_day", dayText(lastDay)},
+                {"days", drive.samples.size()},
+                {"appeared", firstDay > *history.firstDay()},
+                {"vanished", lastDay < *history.lastDay()},
+                {"verdict", verdictName(drive.assessment.verdict)},
+                {"reasons", reasonsJson(drive.assessment)},
+                {"figures", figures},
+                {"critical_warning", warnings}};
+}
+
+void writeHistoryJson(std::ostream& out, const History& history)
+{
+    Json drives = Json::array();
+    for (const auto& drive : history.drives())
+    {
+        drives.push_back(historyJson(drive, history));
+    }
+    Json whole{{"first_day", optionalDay(history.firstDay())},
+               {"last_day", optionalDay(history.lastDay())},
+               {"drives", drives}};
+    out << whole.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
+}
+
+namespace
+{
+
+std::string cellText(const Json& value)
+{
+    if (value.is_null())
+    {
+        return "";
+    }
+    return value.is_string() ? value.get<std::string>() : value.dump();
+}
+
+std::vector<std::string> figureParts(const FigureColumn& column)
+{
+    std::vector<std::string> parts{"first", "last", "change", "min", "max"};
+    if (isCounter(column.figure))
+    {
+        parts.emplace_back("first_rose");
+    }
+    return parts;
+}
+
+std::vector<std::string> csvColumns()
+{
+    std::vector<std::string> columns{"fqdd",     "class",   "first_day",
+                                     "last_day", "days",    "appeared",
+                                     "vanished", "verdict", "reasons"};
+    for (const auto& column : figureColumns)
+    {
+        for (const auto& part : figureParts(column))
+        {
+            columns.push_back(std::string(column.name) + '_' + part);
+        }
+    }
+    columns.emplace_back("critical_warning");
+    return columns;
+}
+
+// The set critical-warning bits; "none" when the NVMe drive reports 0.
+std::string warningsCell(const Json& warnings)
+{
+    if (!warnings.is_array())
+    {
+        return "";
+    }
+    std::string text;
+    for (const auto& name : warnings)
+    {
+        text += (text.empty() ? "" : ";") + name.get<std::string>();
+    }
+    return text.empty() ? "none" : text;
+}
+
+std::vector<std::string> csvRow(const Json& drive, const Assessment& assessment)
+{
+    std::vector<std::string> row;
+    for (const char* key : {"fqdd", "class", "first_day", "last_day", "days",
+                            "appeared", "vanished", "verdict"})
+    {
+        row.push_back(cellText(drive[key]));
+    }
+    row.push_back(assessment.reasonsText());
+    const Json& figures = drive["figures"];
+    for (const auto& column : figureColumns)
+    {
+        auto figure = figures.value(std::string(column.name), Json::object());
+        for (const auto& part : figureParts(column))
+        {
+            row.push_back(cellText(figure.value(part, Json())));
+        }
+    }
+    row.push_back(warningsCell(drive["critical_warning"]));
+    return row;
+}
+
+std::string seenText(const Json& drive)
+{
+    if (drive["appeared"] && drive["vanished"])
+    {
+        return "appeared,vanished";
+    }
+    return drive["appeared"]   ? "appeared"
+           : drive["vanished"] ? "vanished"
+                               : "-";
+}
+
+// The last value, and its change over the history when there is one.
+std::string trendCell(const Json& figures, std::string_view name)
+{
+    if (!figures.contains(name))
+    {
+        return "-";
+    }
+    const Json& figure = figures[std::string(name)];
+    auto change = figure["change"].get<std::int64_t>();
+    return figure["last"].dump() +
+           (change == 0 ? ""
+                        : "(" + std::string(change > 0 ? "+" : "") +
+                              std::to_string(change) + ")");
+}
+
+} // namespace
+
+void writeHistoryCsv(std::ostream& out, const History& history)
+{
+    auto columns = csvColumns();
+    for (size_t i = 0; i < columns.size(); ++i)
+    {
+        out << (i == 0 ? "" : ",") << columns[i];
+    }
+    out << '\n';
+    for (const auto& drive : history.drives())
+    {
+        auto row = csvRow(historyJson(drive, history), drive.assessment);
+        for (size_t i = 0; i < row.size(); ++i)
+        {
+            out << (i == 0 ? "" : ",") << csvCell(row[i]);
+        }
+        out << '\n';
+    }
+}
+
+void writeHistoryTable(std::ostream& out, const History& history)
+{
+    std::vector<std::string> heading{"FQDD",     "CLASS", "FIRST_DAY",
+                                     "LAST_DAY", "SEEN",  "TEMP_MIN",
+                                     "TEMP_MAX"};
+    for (const auto& column : figureColumns)
+    {
+        heading.emplace_back(column.heading);
+    }
+    heading.insert(heading.end(), {"VERDICT", "REASONS"});
+    TextTable table(heading);
+    for (const auto& drive : history.drives())
+    {
+        auto json = historyJson(drive, history);
+        const Json& figures = json["figures"];
+        auto temperature = figures.value("temp_c", Json::object());
+        std::vector<std::string> row{
+            drive.fqdd,
+            json["class"],
+            json["first_day"],
+            json["last_day"],
+            seenText(json),
+            temperature.contains("min") ? temperature["min"].dump() : "-",
+            temperature.contains("max") ? temperature["max"].dump() : "-"};
+        for (const auto& column : figureColumns)
+        {
+            row.push_back(trendCell(figures, column.name));
+        }
+        row.emplace_back(verdictName(drive.assessment.verdict));
+        row.push_back(drive.assessment.reasonsText());
+        table.add(std::move(row));
+    }
+    table.print(out);
+}
+
+} // namespace qvreport

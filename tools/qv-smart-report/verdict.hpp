@@ -1,0 +1,58 @@
+#pragma once
+
+#include "driveHealth.hpp"
+#include "reportDate.hpp"
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace qvreport
+{
+
+// Ordered by severity.
+enum class Verdict
+{
+    passed,
+    warning,
+    failed
+};
+
+std::string_view verdictName(Verdict verdict);
+
+// Why a drive is not PASSED: the figure by its column name, its value
+// against the threshold, and in a history the first day of the days up to
+// the last on which the reason held throughout.
+struct Reason
+{
+    Verdict verdict = Verdict::warning;
+    std::string figure;
+    std::string text;
+    std::optional<Day> since;
+};
+
+struct Assessment
+{
+    Verdict verdict = Verdict::passed;
+    std::vector<Reason> reasons;
+
+    explicit Assessment(std::vector<Reason> found);
+    bool flags(std::string_view figure) const;
+    // "reallocated 12 > 0 (since 2026-01-03); ..."
+    std::string reasonsText() const;
+};
+
+// The thresholds one report's figures are held to.
+std::vector<Reason> snapshotReasons(const DriveHealth& drive);
+
+// The counters that field studies tie to coming failure. Any non-zero value
+// warns; one that keeps rising across a history fails.
+inline constexpr std::array<Figure DriveHealth::*, 4> failureCounters = {
+    &DriveHealth::mediaErrors, &DriveHealth::reallocated, &DriveHealth::pending,
+    &DriveHealth::commandTimeouts};
+
+// A failure counter that rose on this many days of a history fails.
+inline constexpr int risesThatFail = 2;
+
+} // namespace qvreport
