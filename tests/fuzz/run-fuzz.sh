@@ -12,12 +12,12 @@ seconds=${1:-5}
 here=$(cd "$(dirname "$0")" && pwd)
 root=$(cd "$here/../.." && pwd)
 build=${FUZZ_BUILD:-$root/build-fuzz}
-targets=(dbus-reply smart-tables writers report-reader)
+targets=(dbus-reply smart-tables writers report-reader history)
 # Descriptors libFuzzer closes in each target: standard output always; the
 # table stand-in also reports every rejected file on standard error, so it
 # loses standard error too (sanitizer reports still come through). The
 # other targets keep it for their own finding messages.
-declare -A closeFds=([dbus-reply]=1 [smart-tables]=3 [writers]=1 [report-reader]=1)
+declare -A closeFds=([dbus-reply]=1 [smart-tables]=3 [writers]=1 [report-reader]=1 [history]=1)
 
 configure() {
     local options=(
