@@ -20,19 +20,28 @@ std::chrono::microseconds toMicroseconds(const timeval& time)
            std::chrono::microseconds(time.tv_usec);
 }
 
+// Truncated; /dev/null stays what it is.
+int openForWriting(const std::string& path)
+{
+    return open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+}
+
 } // namespace
 
 Measurement measureProgram(const std::vector<std::string>& argv,
                            const testsupport::EnvChanges& env,
-                           const std::string& errorFile)
+                           const std::string& errorFile,
+                           const std::string& outputFile)
 {
-    int outFd = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    int errFd =
-        open(errorFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    int outFd = openForWriting(outputFile);
+    int errFd = openForWriting(errorFile);
     if (outFd < 0 || errFd < 0)
     {
-        throw std::runtime_error("cannot open " + errorFile + ": " +
-                                 std::strerror(errno));
+        int error = errno;
+        close(outFd);
+        close(errFd);
+        throw std::runtime_error("cannot open " + outputFile + " or " +
+                                 errorFile + ": " + std::strerror(error));
     }
     auto started = std::chrono::steady_clock::now();
     pid_t pid = testsupport::spawn(argv, env, outFd, errFd);

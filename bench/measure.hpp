@@ -22,12 +22,13 @@ struct Measurement
 };
 
 // Runs a program to its end with its standard error sent to `errorFile` and
-// its standard output to /dev/null, and measures it. Waits without a
+// its standard output to `outputFile`, and measures it. Waits without a
 // timeout: a benchmark that hangs is to be seen, not hidden. The child is
 // forked from this process, whose anonymous memory it shares until it
 // executes the program: keep the caller small.
 Measurement measureProgram(const std::vector<std::string>& argv,
                            const testsupport::EnvChanges& env,
-                           const std::string& errorFile);
+                           const std::string& errorFile,
+                           const std::string& outputFile = "/dev/null");
 
 } // namespace bench
