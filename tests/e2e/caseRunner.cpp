@@ -295,6 +295,7 @@ public:
         }
         std::sort(written.begin(), written.end());
         std::sort(daily.begin(), daily.end());
+        daily.erase(std::unique(daily.begin(), daily.end()), daily.end());
         EXPECT_EQ(written, daily) << "dated files";
     }
 

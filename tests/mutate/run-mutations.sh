@@ -15,7 +15,9 @@ build="$work/build"
 
 mkdir -p "$tree"
 # The copy carries the unpacked sdbusplus; build directories stay behind.
-rsync -a --delete --include '/build-aux/' --exclude '/build*' --exclude '/.git' "$src/" "$tree/"
+# Changed files get the time of the copy, not the source's: an object built
+# from a mutated file can be newer than the source's own time.
+rsync -rlpD --checksum --delete --include '/build-aux/' --exclude '/build*' --exclude '/.git' "$src/" "$tree/"
 if [ ! -f "$build/build.ninja" ]; then
     meson setup "$build" "$tree" \
         --native-file "$tree/build-aux/debian-python.ini" >/dev/null
@@ -54,6 +56,7 @@ while IFS=$'\t' read -r file original replacement; do
         # A mutation must build: one that does not is a fault of the list.
         echo "BROKEN   $line"
         cp "$work/saved" "$tree/$file"
+        ninja -C "$build" >/dev/null
         exit 2
     elif ! timeout 600 meson test -C "$build" --no-rebuild --maxfail 1 \
         >/dev/null 2>&1; then
