@@ -19,6 +19,7 @@ packages=(
     util-linux coreutils valgrind systemd bubblewrap
     clang libclang-rt-14-dev clang-tidy
     python3-inflection python3-mako python3-yaml
+    prometheus chromium
 )
 
 missingPackages() {

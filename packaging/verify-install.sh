@@ -11,7 +11,9 @@ trap 'rm -rf "$root"' EXIT
 
 meson install -C "$build" --destdir "$root" --no-rebuild --quiet >/dev/null
 test -x "$root$bindir/qv-smart-collector"
-for unit in qv-smart-collector.service qv-smart-collector.timer; do
+test -x "$root$bindir/qv-smart-report"
+units="qv-smart-collector.service qv-smart-collector.timer qv-smart-metrics.service"
+for unit in $units; do
     test -f "$root$unitdir/$unit"
 done
 # Under --root systemd looks for units only inside the root: give it the
@@ -21,9 +23,9 @@ cp -rn /lib/systemd/system/. "$root$unitdir/"
 # verify exits 0 on many mistakes it only warns about: any word from it
 # counts as a failure.
 status=0
-complaints=$(systemd-analyze verify --root="$root" \
-    "$root$unitdir/qv-smart-collector.service" \
-    "$root$unitdir/qv-smart-collector.timer" 2>&1) || status=$?
+# shellcheck disable=SC2086
+complaints=$(cd "$root$unitdir" && systemd-analyze verify --root="$root" \
+    $units 2>&1) || status=$?
 if [ "$status" -ne 0 ] || [ -n "$complaints" ]; then
     echo "$complaints" >&2
     exit 1

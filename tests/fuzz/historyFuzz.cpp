@@ -1,11 +1,16 @@
 // A report file as the history takes it: the first line is the file's name,
 // dated the way a directory's files are, the rest its text, read document
-// by document into a history that is then written in every format, along
-// with each document's own health view. Findings: a dated name that does
-// not spell its own day, a day that does not read back, an exception
-// escaping, and every sanitizer report.
+// by document into a history that is then written in every format, as
+// metrics and as a page, along with each document's own health view.
+// Findings: a dated name that does not spell its own day, a day that does
+// not read back, a metrics line that is neither a comment nor a sample of
+// ours (text of the input breaking out of a label), a page with markup from
+// the input, a day-by-day verdict whose last day differs from the
+// history's, an exception escaping, and every sanitizer report.
 
 #include "history.hpp"
+#include "htmlPage.hpp"
+#include "metrics.hpp"
 #include "reportTool.hpp"
 
 #include <cstdint>
@@ -49,6 +54,38 @@ void checkDating(const std::string& name)
     }
 }
 
+void checkMetrics(const qvreport::History& history)
+{
+    std::ostringstream text;
+    qvreport::writeOpenMetrics(text, history);
+    qvreport::writeTextfile(text, history);
+    std::istringstream lines(text.str());
+    for (std::string line; std::getline(lines, line);)
+    {
+        if (!line.starts_with("# ") && !line.starts_with("qv_smart_device_"))
+        {
+            finding("a metrics line that is no comment and no sample");
+        }
+    }
+}
+
+void checkPage(const qvreport::History& history)
+{
+    std::ostringstream page;
+    qvreport::writeHtmlPage(page, history);
+    if (page.str().find("<x") != std::string::npos)
+    {
+        finding("markup of the input on the page");
+    }
+    for (const auto& drive : history.drives())
+    {
+        if (qvreport::dailyVerdicts(drive).back() != drive.assessment.verdict)
+        {
+            finding("the last day's verdict is not the history's");
+        }
+    }
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
@@ -78,5 +115,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     qvreport::writeHistoryJson(out, history);
     qvreport::writeHistoryCsv(out, history);
     qvreport::writeHistoryTable(out, history);
+    checkMetrics(history);
+    checkPage(history);
     return 0;
 }

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <array>
 #include <ctime>
 #include <filesystem>
 #include <tuple>
@@ -99,25 +100,29 @@ std::vector<DatedFile> datedFiles(const std::vector<std::string>& paths,
     return files;
 }
 
+void Trend::add(Day day, Figure value)
+{
+    if (!value)
+    {
+        return;
+    }
+    if (last && *value > *last)
+    {
+        ++rises;
+        firstRose = firstRose.value_or(day);
+    }
+    first = first.value_or(*value);
+    min = std::min(min.value_or(*value), *value);
+    max = std::max(max.value_or(*value), *value);
+    last = value;
+}
+
 Trend trendOf(const DriveHistory& drive, Figure DriveHealth::*figure)
 {
     Trend trend;
     for (const auto& sample : drive.samples)
     {
-        auto value = sample.health.*figure;
-        if (!value)
-        {
-            continue;
-        }
-        if (trend.last && *value > *trend.last)
-        {
-            ++trend.rises;
-            trend.firstRose = trend.firstRose.value_or(sample.day);
-        }
-        trend.first = trend.first.value_or(*value);
-        trend.min = std::min(trend.min.value_or(*value), *value);
-        trend.max = std::max(trend.max.value_or(*value), *value);
-        trend.last = value;
+        trend.add(sample.day, sample.health.*figure);
     }
     return trend;
 }
@@ -169,6 +174,27 @@ Assessment historyAssessment(const DriveHistory& drive)
                          trend.firstRose});
     }
     return Assessment(std::move(found));
+}
+
+std::vector<Verdict> dailyVerdicts(const DriveHistory& drive)
+{
+    std::vector<Verdict> verdicts;
+    std::array<Trend, failureCounters.size()> trends{};
+    for (const auto& sample : drive.samples)
+    {
+        Verdict verdict = Assessment(snapshotReasons(sample.health)).verdict;
+        for (size_t i = 0; i < failureCounters.size(); ++i)
+        {
+            Trend& trend = trends.at(i);
+            trend.add(sample.day, sample.health.*failureCounters.at(i));
+            if (trend.rises >= risesThatFail)
+            {
+                verdict = Verdict::failed;
+            }
+        }
+        verdicts.push_back(verdict);
+    }
+    return verdicts;
 }
 
 void History::add(Day day, const Document& document)

@@ -64,6 +64,9 @@ struct Trend
     Figure max;
     int rises = 0;
     std::optional<Day> firstRose;
+
+    // The next day's value, if it has one.
+    void add(Day day, Figure value);
 };
 
 Trend trendOf(const DriveHistory& drive, Figure DriveHealth::*figure);
@@ -71,6 +74,10 @@ Trend trendOf(const DriveHistory& drive, Figure DriveHealth::*figure);
 // The last day's thresholds, each since the first of the days up to the
 // last on which it held, and failure counters that kept rising.
 Assessment historyAssessment(const DriveHistory& drive);
+
+// The verdict the history up to each day gives, day by day: the last one is
+// historyAssessment's.
+std::vector<Verdict> dailyVerdicts(const DriveHistory& drive);
 
 class History
 {

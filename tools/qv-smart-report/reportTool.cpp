@@ -1,6 +1,8 @@
 #include "reportTool.hpp"
 
 #include "history.hpp"
+#include "htmlPage.hpp"
+#include "metrics.hpp"
 #include "verdict.hpp"
 
 #include <CLI/CLI.hpp>
@@ -10,6 +12,8 @@
 #include <charconv>
 #include <cstdint>
 #include <iomanip>
+#include <map>
+#include <sstream>
 #include <variant>
 
 namespace qvreport
@@ -233,22 +237,37 @@ enum class Format
 {
     table,
     csv,
-    json
+    json,
+    openmetrics,
+    textfile
+};
+
+enum class Command
+{
+    show,
+    history,
+    exportMetrics,
+    html
 };
 
 struct Options
 {
-    bool history = false;
+    Command command = Command::show;
     Format format = Format::table;
     std::vector<std::string> paths;
     Period period;
+    std::string output;
 };
 
 Format formatOf(const std::string& name)
 {
-    return name == "csv"    ? Format::csv
-           : name == "json" ? Format::json
-                            : Format::table;
+    const std::map<std::string, Format> formats = {
+        {"table", Format::table},
+        {"csv", Format::csv},
+        {"json", Format::json},
+        {"openmetrics", Format::openmetrics},
+        {"textfile", Format::textfile}};
+    return formats.at(name);
 }
 
 // A day option: "2026-11-24" or "20261124".
@@ -267,23 +286,44 @@ CLI::Option* addDay(CLI::App& app, const std::string& name,
         help);
 }
 
-void addHistory(CLI::App& app, Options& options, std::string& format)
+// A subcommand over the days of report files and directories.
+CLI::App* addDaysCommand(CLI::App& app, Options& options, Command command,
+                         const std::string& name, const std::string& help)
 {
-    auto* history = app.add_subcommand(
-        "history", "Follows every drive by its FQDD across the days of "
-                   "report files and directories.");
-    history->add_option("--format", format, "table (default), csv or json")
-        ->check(CLI::IsMember({"table", "csv", "json"}));
-    addDay(*history, "--since", options.period.since,
+    auto* sub = app.add_subcommand(name, help);
+    addDay(*sub, "--since", options.period.since,
            "first day to read, YYYY-MM-DD");
-    addDay(*history, "--until", options.period.until,
+    addDay(*sub, "--until", options.period.until,
            "last day to read, YYYY-MM-DD");
-    addDay(*history, "--date", options.period.date,
+    addDay(*sub, "--date", options.period.date,
            "day of SmartLogs.json/SmartRawData.json files, instead of "
            "their modification time");
-    history->add_option("PATH", options.paths, "report files and directories")
+    sub->add_option("PATH", options.paths, "report files and directories")
         ->required();
-    history->final_callback([&options] { options.history = true; });
+    sub->final_callback([&options, command] { options.command = command; });
+    return sub;
+}
+
+void addSubcommands(CLI::App& app, Options& options, std::string& format)
+{
+    addDaysCommand(app, options, Command::history, "history",
+                   "Follows every drive by its FQDD across the days of "
+                   "report files and directories.")
+        ->add_option("--format", format, "table (default), csv or json")
+        ->check(CLI::IsMember({"table", "csv", "json"}));
+    auto* metrics = addDaysCommand(
+        app, options, Command::exportMetrics, "export",
+        "Writes every drive's figures and verdicts as metrics: OpenMetrics "
+        "with one sample a day, or the last day for node_exporter's "
+        "textfile collector.");
+    metrics->add_option("--format", format, "openmetrics (default) or textfile")
+        ->check(CLI::IsMember({"openmetrics", "textfile"}));
+    metrics->add_option("--output", options.output,
+                        "file to replace in one step instead of writing to "
+                        "standard output");
+    addDaysCommand(app, options, Command::html, "html",
+                   "Writes one self-contained page: the drives by verdict, "
+                   "each with plots of its history.");
 }
 
 // The command line, through CLI11: --help and --version answer on standard
@@ -302,7 +342,7 @@ std::variant<Options, int> parseArgs(std::span<const std::string> args,
     app.add_option("--format", format, "table (default), csv or json")
         ->check(CLI::IsMember({"table", "csv", "json"}));
     app.add_option("REPORT", options.paths, "report files, read in this order");
-    addHistory(app, options, format);
+    addSubcommands(app, options, format);
     app.require_subcommand(0, 1);
     // CLI11 takes the arguments last first.
     std::vector<std::string> reversed(args.rbegin(), args.rend());
@@ -317,6 +357,11 @@ std::variant<Options, int> parseArgs(std::span<const std::string> args,
     catch (const CLI::ParseError& error)
     {
         return app.exit(error, out, err) == 0 ? exitOk : exitUsage;
+    }
+    // The main command's --format names a table format, never a metrics one.
+    if (options.command == Command::exportMetrics && format != "textfile")
+    {
+        format = "openmetrics";
     }
     options.format = formatOf(format);
     return options;
@@ -364,7 +409,31 @@ int showReports(const Options& options, std::ostream& out, std::ostream& err)
     return status;
 }
 
-int showHistory(const Options& options, std::ostream& out, std::ostream& err)
+void writeHistory(std::ostream& out, const Options& options,
+                  const History& history)
+{
+    switch (options.format)
+    {
+        case Format::json:
+            writeHistoryJson(out, history);
+            break;
+        case Format::csv:
+            writeHistoryCsv(out, history);
+            break;
+        case Format::table:
+            writeHistoryTable(out, history);
+            break;
+        case Format::openmetrics:
+            writeOpenMetrics(out, history);
+            break;
+        case Format::textfile:
+            writeTextfile(out, history);
+            break;
+    }
+}
+
+// The history, the metrics or the page of the days of the paths given.
+int showDays(const Options& options, std::ostream& out, std::ostream& err)
 {
     bool intact = true;
     History history;
@@ -386,17 +455,22 @@ int showHistory(const Options& options, std::ostream& out, std::ostream& err)
             status |= verdictBits(drive.assessment.verdict);
         }
     }
-    switch (options.format)
+    if (options.command == Command::html)
     {
-        case Format::json:
-            writeHistoryJson(out, history);
-            break;
-        case Format::csv:
-            writeHistoryCsv(out, history);
-            break;
-        case Format::table:
-            writeHistoryTable(out, history);
-            break;
+        writeHtmlPage(out, history);
+    }
+    else if (options.output.empty())
+    {
+        writeHistory(out, options, history);
+    }
+    else
+    {
+        std::ostringstream text;
+        writeHistory(text, options, history);
+        if (!replaceFile(options.output, text.str(), err))
+        {
+            status |= exitDamaged;
+        }
     }
     return status;
 }
@@ -412,8 +486,8 @@ int runReportTool(std::span<const std::string> args, std::ostream& out,
         return *code;
     }
     const Options& options = std::get<Options>(parsed);
-    return options.history ? showHistory(options, out, err)
-                           : showReports(options, out, err);
+    return options.command == Command::show ? showReports(options, out, err)
+                                            : showDays(options, out, err);
 }
 
 } // namespace qvreport
