@@ -32,7 +32,8 @@ fail() {
 # The units go where the target's systemd.pc says (/lib or /usr/lib).
 installed=$(cd "$dest" && find . -type f | sed 's|^\./\(usr/\)\?lib/systemd/system/|UNITDIR/|' | sort)
 expected=$(printf '%s\n' ./usr/bin/qv-smart-collector ./usr/bin/qv-smart-report \
-    UNITDIR/qv-smart-collector.service UNITDIR/qv-smart-collector.timer)
+    UNITDIR/qv-smart-collector.service UNITDIR/qv-smart-collector.timer \
+    UNITDIR/qv-smart-metrics.service)
 [ "$installed" = "$expected" ] ||
     fail "installed files differ:"$'\n'"$(diff <(echo "$expected") <(echo "$installed"))"
 
