@@ -35,6 +35,7 @@ def read(*args):
 def chromium(*args):
     result = subprocess.run(
         ["chromium", "--headless", "--no-sandbox", "--disable-gpu",
+         "--no-first-run", "--no-default-browser-check",
          "--disable-dev-shm-usage", f"--user-data-dir={work}/profile",
          "--hide-scrollbars", *args, f"file://{work}/page.html"],
         capture_output=True, text=True, timeout=120)
