@@ -16,6 +16,7 @@
 
 #include "benchReport.hpp"
 #include "measure.hpp"
+#include "reportDate.hpp"
 #include "testSupport.hpp"
 
 #include <malloc.h>
@@ -83,41 +84,6 @@ void writeText(const fs::path& path, std::string_view text)
     }
 }
 
-// YYYYMMDD of a daily report's name, SL20250101.json.
-std::optional<sys_days> reportDay(const std::string& name)
-{
-    constexpr size_t digits = 8;
-    if (name.size() != 2 + digits + 5 || !name.ends_with(".json"))
-    {
-        return std::nullopt;
-    }
-    std::string_view text(name.data() + 2, digits);
-    unsigned number = 0;
-    auto [end, error] =
-        std::from_chars(text.data(), text.data() + text.size(), number);
-    if (error != std::errc() || end != text.data() + text.size())
-    {
-        return std::nullopt;
-    }
-    std::chrono::year_month_day day{std::chrono::year(int(number / 10000)),
-                                    std::chrono::month(number / 100 % 100),
-                                    std::chrono::day(number % 100)};
-    if (!day.ok())
-    {
-        return std::nullopt;
-    }
-    return sys_days(day);
-}
-
-std::string dayName(sys_days day)
-{
-    std::chrono::year_month_day date(day);
-    std::array<char, 16> text{};
-    std::snprintf(text.data(), text.size(), "%04d%02u%02u", int(date.year()),
-                  unsigned(date.month()), unsigned(date.day()));
-    return text.data();
-}
-
 // Runs the collector in daily mode (any argument but 0) and returns its two
 // reports. The simulator goes before the bus: it would report the bus going
 // away.
@@ -144,16 +110,25 @@ DailyReports collectOneDay(const Options& options)
     {
         names.push_back(entry.path().filename().string());
     }
-    auto day = names.empty() ? std::nullopt : reportDay(names.front());
-    fs::path logs = daily / ("SL" + (day ? dayName(*day) : "") + ".json");
-    fs::path raw = daily / ("RD" + (day ? dayName(*day) : "") + ".json");
-    if (!day || names.size() != 2 || !fs::exists(logs) || !fs::exists(raw))
+    auto dated =
+        names.empty() ? std::nullopt : qvreport::datedReportName(names.front());
+    if (!dated || names.size() != 2)
     {
         throw std::runtime_error("the collector did not write one SL and one "
                                  "RD report of the same day into " +
                                  daily.string());
     }
-    return {*day, readText(logs), readText(raw)};
+    fs::path logs = daily / qvreport::dailyReportName(
+                                qvreport::ReportKind::logs, dated->day);
+    fs::path raw = daily / qvreport::dailyReportName(qvreport::ReportKind::raw,
+                                                     dated->day);
+    if (!fs::exists(logs) || !fs::exists(raw))
+    {
+        throw std::runtime_error("the collector did not write one SL and one "
+                                 "RD report of the same day into " +
+                                 daily.string());
+    }
+    return {dated->day, readText(logs), readText(raw)};
 }
 
 // The text with every value of the members called `name` moved by `delta`,
@@ -221,10 +196,14 @@ std::uintmax_t writeDays(const DailyReports& reports, int days,
     std::uintmax_t bytes = 0;
     for (long before = days - 1; before >= 0; --before)
     {
-        std::string day = dayName(reports.day - std::chrono::days(before));
+        auto day = reports.day - std::chrono::days(before);
         std::string logs = logsBefore(reports.logs, before);
-        writeText(dir / ("SL" + day + ".json"), logs);
-        writeText(dir / ("RD" + day + ".json"), reports.raw);
+        writeText(
+            dir / qvreport::dailyReportName(qvreport::ReportKind::logs, day),
+            logs);
+        writeText(dir /
+                      qvreport::dailyReportName(qvreport::ReportKind::raw, day),
+                  reports.raw);
         bytes += logs.size() + reports.raw.size();
     }
     return bytes;

@@ -37,9 +37,7 @@ void checkDating(const std::string& name)
 {
     if (auto dated = qvreport::datedReportName(name); dated)
     {
-        std::string prefix =
-            dated->kind == qvreport::ReportKind::logs ? "SL" : "RD";
-        if (prefix + compact(qvreport::dayText(dated->day)) + ".json" != name)
+        if (qvreport::dailyReportName(dated->kind, dated->day) != name)
         {
             finding("a dated name that does not spell its day");
         }

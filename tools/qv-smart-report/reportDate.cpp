@@ -69,6 +69,13 @@ std::string dayText(Day day)
     return text.data();
 }
 
+std::string dailyReportName(ReportKind kind, Day day)
+{
+    std::string text = dayText(day);
+    std::erase(text, '-');
+    return (kind == ReportKind::logs ? "SL" : "RD") + text + ".json";
+}
+
 std::optional<DatedName> datedReportName(std::string_view fileName)
 {
     constexpr std::string_view suffix = ".json";

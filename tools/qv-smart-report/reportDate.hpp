@@ -32,6 +32,9 @@ struct DatedName
 // "RD20261124.json"; nothing for any other name.
 std::optional<DatedName> datedReportName(std::string_view fileName);
 
+// The daily report's name for a day: "SL20261124.json" or "RD20261124.json".
+std::string dailyReportName(ReportKind kind, Day day);
+
 // Which report a collection-mode file name is ("SmartLogs.json",
 // "SmartRawData.json"); nothing for any other name.
 std::optional<ReportKind> collectionReportName(std::string_view fileName);
