@@ -300,6 +300,16 @@ std::string_view figureName(Figure DriveHealth::*figure)
     return column->name;
 }
 
+std::string joined(const std::vector<std::string>& names, char separator)
+{
+    std::string text;
+    for (const auto& name : names)
+    {
+        text += (text.empty() ? "" : std::string(1, separator)) + name;
+    }
+    return text;
+}
+
 std::vector<DriveHealth> driveHealth(const Document& document)
 {
     std::vector<DriveHealth> drives;

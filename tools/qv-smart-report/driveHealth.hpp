@@ -66,4 +66,7 @@ std::vector<DriveHealth> driveHealth(const Document& document);
 
 std::vector<std::string> criticalWarningNames(std::uint64_t bits);
 
+// The names one after the other, `separator` between them.
+std::string joined(const std::vector<std::string>& names, char separator);
+
 } // namespace qvreport

@@ -248,8 +248,7 @@ Json optionalDay(std::optional<Day> day)
 
 bool isCounter(Figure DriveHealth::*member)
 {
-    return member == &DriveHealth::crcErrors ||
-           std::ranges::find(failureCounters, member) != failureCounters.end();
+    return std::ranges::find(warningCounters, member) != warningCounters.end();
 }
 
 Json trendJson(const Trend& trend, bool counter)
@@ -373,12 +372,8 @@ std::string warningsCell(const Json& warnings)
     {
         return "";
     }
-    std::string text;
-    for (const auto& name : warnings)
-    {
-        text += (text.empty() ? "" : ";") + name.get<std::string>();
-    }
-    return text.empty() ? "none" : text;
+    auto names = warnings.get<std::vector<std::string>>();
+    return names.empty() ? "none" : joined(names, ';');
 }
 
 std::vector<std::string> csvRow(const Json& drive, const Assessment& assessment)

@@ -63,16 +63,6 @@ std::string figureText(const Figure& figure)
     return figure ? std::to_string(*figure) : "";
 }
 
-std::string joined(const std::vector<std::string>& names, char separator)
-{
-    std::string text;
-    for (const auto& name : names)
-    {
-        text += (text.empty() ? "" : std::string(1, separator)) + name;
-    }
-    return text;
-}
-
 // Flagged figures, by column name, for the csv "alerts" column.
 std::vector<std::string> alerts(const Assessment& assessment)
 {

@@ -69,11 +69,7 @@ void nvmeReasons(const DriveHealth& drive, std::vector<Reason>& found)
     }
     if (drive.criticalWarning && *drive.criticalWarning != 0)
     {
-        std::string names;
-        for (const auto& name : criticalWarningNames(*drive.criticalWarning))
-        {
-            names += (names.empty() ? "" : ",") + name;
-        }
+        auto names = joined(criticalWarningNames(*drive.criticalWarning), ',');
         // Only the temperature bit passes when the drive cools down.
         bool onlyTemperature = *drive.criticalWarning == temperatureWarningBit;
         found.push_back({onlyTemperature ? Verdict::warning : Verdict::failed,
@@ -84,11 +80,7 @@ void nvmeReasons(const DriveHealth& drive, std::vector<Reason>& found)
 
 void counterReasons(const DriveHealth& drive, std::vector<Reason>& found)
 {
-    auto counters = std::to_array<Figure DriveHealth::*>(
-        {&DriveHealth::mediaErrors, &DriveHealth::crcErrors,
-         &DriveHealth::reallocated, &DriveHealth::pending,
-         &DriveHealth::commandTimeouts});
-    for (auto member : counters)
+    for (auto member : warningCounters)
     {
         if (auto count = drive.*member; count && *count > 0)
         {

@@ -52,6 +52,14 @@ inline constexpr std::array<Figure DriveHealth::*, 4> failureCounters = {
     &DriveHealth::mediaErrors, &DriveHealth::reallocated, &DriveHealth::pending,
     &DriveHealth::commandTimeouts};
 
+// The counters a drive keeps of faults it could not hide, in the order of
+// their reasons: any non-zero value warns. CRC errors point at the cable,
+// so only the others can fail a drive.
+inline constexpr std::array<Figure DriveHealth::*, 5> warningCounters = {
+    &DriveHealth::mediaErrors, &DriveHealth::crcErrors,
+    &DriveHealth::reallocated, &DriveHealth::pending,
+    &DriveHealth::commandTimeouts};
+
 // A failure counter that rose on this many days of a history fails.
 inline constexpr int risesThatFail = 2;
 
