@@ -75,7 +75,7 @@ void checkPage(const qvreport::History& history)
     {
         finding("markup of the input on the page");
     }
-    for (const auto& drive : history.drives())
+    for (const auto& drive : history.drives)
     {
         if (qvreport::dailyVerdicts(drive).back() != drive.assessment.verdict)
         {
@@ -97,7 +97,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     std::istringstream in(
         newline == std::string::npos ? "" : input.substr(newline + 1));
     qvreport::ReportReader reader(in);
-    qvreport::History history;
+    qvreport::HistoryBuilder builder;
     std::ostringstream out;
     while (auto document = reader.next())
     {
@@ -107,9 +107,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             qvreport::Assessment(qvreport::snapshotReasons(drive));
         }
         // Each further document a day later, so trends have days to span.
-        history.add(day, *document);
+        builder.add(day, *document);
         day += std::chrono::days(1);
     }
+    const auto history = builder.build();
     qvreport::writeHistoryJson(out, history);
     qvreport::writeHistoryCsv(out, history);
     qvreport::writeHistoryTable(out, history);

@@ -197,7 +197,7 @@ std::vector<Verdict> dailyVerdicts(const DriveHistory& drive)
     return verdicts;
 }
 
-void History::add(Day day, const Document& document)
+void HistoryBuilder::add(Day day, const Document& document)
 {
     for (auto& drive : driveHealth(document))
     {
@@ -212,7 +212,7 @@ void History::add(Day day, const Document& document)
     }
 }
 
-std::vector<DriveHistory> History::drives() const
+History HistoryBuilder::build() const
 {
     std::vector<DriveHistory> followed;
     for (const auto& [fqdd, days] : timeline)
@@ -228,7 +228,7 @@ std::vector<DriveHistory> History::drives() const
     std::ranges::stable_sort(
         followed, std::greater{},
         [](const DriveHistory& drive) { return drive.assessment.verdict; });
-    return followed;
+    return {std::move(followed), first, last};
 }
 
 namespace
@@ -306,8 +306,8 @@ Json historyJson(const DriveHistory& drive, const History& history)
                 {"first_day", dayText(firstDay)},
                 {"last_day", dayText(lastDay)},
                 {"days", drive.samples.size()},
-                {"appeared", firstDay > *history.firstDay()},
-                {"vanished", lastDay < *history.lastDay()},
+                {"appeared", firstDay > *history.firstDay},
+                {"vanished", lastDay < *history.lastDay},
                 {"verdict", verdictName(drive.assessment.verdict)},
                 {"reasons", reasonsJson(drive.assessment)},
                 {"figures", figures},
@@ -317,12 +317,12 @@ Json historyJson(const DriveHistory& drive, const History& history)
 void writeHistoryJson(std::ostream& out, const History& history)
 {
     Json drives = Json::array();
-    for (const auto& drive : history.drives())
+    for (const auto& drive : history.drives)
     {
         drives.push_back(historyJson(drive, history));
     }
-    Json whole{{"first_day", optionalDay(history.firstDay())},
-               {"last_day", optionalDay(history.lastDay())},
+    Json whole{{"first_day", optionalDay(history.firstDay)},
+               {"last_day", optionalDay(history.lastDay)},
                {"drives", drives}};
     out << whole.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
 }
@@ -434,7 +434,7 @@ void writeHistoryCsv(std::ostream& out, const History& history)
         out << (i == 0 ? "" : ",") << columns[i];
     }
     out << '\n';
-    for (const auto& drive : history.drives())
+    for (const auto& drive : history.drives)
     {
         auto row = csvRow(historyJson(drive, history), drive.assessment);
         for (size_t i = 0; i < row.size(); ++i)
@@ -456,7 +456,7 @@ void writeHistoryTable(std::ostream& out, const History& history)
     }
     heading.insert(heading.end(), {"VERDICT", "REASONS"});
     TextTable table(heading);
-    for (const auto& drive : history.drives())
+    for (const auto& drive : history.drives)
     {
         auto json = historyJson(drive, history);
         const Json& figures = json["figures"];

@@ -79,23 +79,24 @@ Assessment historyAssessment(const DriveHistory& drive);
 // historyAssessment's.
 std::vector<Verdict> dailyVerdicts(const DriveHistory& drive);
 
-class History
+// The drives followed across the days read, each assessed once: what every
+// output of the history is written from.
+struct History
+{
+    // Drives with an FQDD, failed first, then warned, then by FQDD. Drives
+    // without one cannot be told apart from day to day.
+    std::vector<DriveHistory> drives;
+    std::optional<Day> firstDay;
+    std::optional<Day> lastDay;
+};
+
+class HistoryBuilder
 {
 public:
     // Every drive of one report document, on its day.
     void add(Day day, const Document& document);
 
-    // Drives with an FQDD, assessed: failed first, then warned, then by
-    // FQDD. Drives without one cannot be told apart from day to day.
-    std::vector<DriveHistory> drives() const;
-    std::optional<Day> firstDay() const
-    {
-        return first;
-    }
-    std::optional<Day> lastDay() const
-    {
-        return last;
-    }
+    History build() const;
 
 private:
     std::map<std::string, std::map<Day, DriveHealth>> timeline;

@@ -149,7 +149,7 @@ void writePlot(std::ostream& out, const Plot& plot, const DriveHistory& drive,
     {
         return;
     }
-    Scale scale{*history.firstDay(), *history.lastDay(), *shown[0].second.min,
+    Scale scale{*history.firstDay, *history.lastDay, *shown[0].second.min,
                 *shown[0].second.max};
     std::string legend;
     for (const auto& [line, trend] : shown)
@@ -196,9 +196,8 @@ void writeDrive(std::ostream& out, const DriveHistory& drive,
         << dayText(drive.samples.front().day) << " to "
         << dayText(drive.samples.back().day) << " (" << drive.samples.size()
         << " days)"
-        << (drive.samples.front().day > *history.firstDay() ? " · appeared"
-                                                            : "")
-        << (drive.samples.back().day < *history.lastDay() ? " · vanished" : "")
+        << (drive.samples.front().day > *history.firstDay ? " · appeared" : "")
+        << (drive.samples.back().day < *history.lastDay ? " · vanished" : "")
         << "</div>\n";
     if (!drive.assessment.reasons.empty())
     {
@@ -224,7 +223,7 @@ void writeDrive(std::ostream& out, const DriveHistory& drive,
 
 void writeHtmlPage(std::ostream& out, const History& history)
 {
-    auto drives = history.drives();
+    const auto& drives = history.drives;
     std::array<int, 3> counts{};
     for (const auto& drive : drives)
     {
@@ -234,10 +233,10 @@ void writeHtmlPage(std::ostream& out, const History& history)
            "charset='utf-8'>\n<title>Drive health</title>\n<style>"
         << style << "</style>\n</head>\n<body>\n<h1>Drive health</h1>\n"
         << "<p class='meta'>";
-    if (history.firstDay())
+    if (history.firstDay)
     {
-        out << dayText(*history.firstDay()) << " to "
-            << dayText(*history.lastDay()) << " · ";
+        out << dayText(*history.firstDay) << " to " << dayText(*history.lastDay)
+            << " · ";
     }
     out << drives.size() << " drives: " << counts[2] << " failed, " << counts[1]
         << " with warnings, " << counts[0] << " passed</p>\n";

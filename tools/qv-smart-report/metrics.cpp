@@ -141,12 +141,14 @@ void writeSeries(std::ostream& out, std::string_view name,
 
 void writeMetrics(std::ostream& out, const History& history, bool stamped)
 {
-    auto drives = history.drives();
-    if (!stamped)
+    // Without timestamps only the drives of the last day are the server's.
+    std::vector<const DriveHistory*> drives;
+    for (const auto& drive : history.drives)
     {
-        std::erase_if(drives, [&history](const DriveHistory& drive) {
-            return drive.samples.back().day != history.lastDay();
-        });
+        if (stamped || drive.samples.back().day == history.lastDay)
+        {
+            drives.push_back(&drive);
+        }
     }
     for (const auto& family : families)
     {
@@ -154,12 +156,12 @@ void writeMetrics(std::ostream& out, const History& history, bool stamped)
         {
             writeHeader(out, family.name, family.help);
         }
-        for (const auto& drive : drives)
+        for (const auto* drive : drives)
         {
             writeSeries(
-                out, family.name, driveLabels(drive, family.labels), drive,
+                out, family.name, driveLabels(*drive, family.labels), *drive,
                 [&](size_t i) -> std::optional<std::int64_t> {
-                    auto value = drive.samples[i].health.*family.figure;
+                    auto value = drive->samples[i].health.*family.figure;
                     return value ? std::optional(scaled(*value, family.scale))
                                  : std::nullopt;
                 },
@@ -168,12 +170,12 @@ void writeMetrics(std::ostream& out, const History& history, bool stamped)
     }
     writeHeader(out, criticalWarningName,
                 "NVMe critical warning bits as the drive reports them");
-    for (const auto& drive : drives)
+    for (const auto* drive : drives)
     {
         writeSeries(
-            out, criticalWarningName, driveLabels(drive, ""), drive,
+            out, criticalWarningName, driveLabels(*drive, ""), *drive,
             [&](size_t i) -> std::optional<std::int64_t> {
-                auto bits = drive.samples[i].health.criticalWarning;
+                auto bits = drive->samples[i].health.criticalWarning;
                 return bits ? std::optional<std::int64_t>(*bits) : std::nullopt;
             },
             stamped);
@@ -181,14 +183,16 @@ void writeMetrics(std::ostream& out, const History& history, bool stamped)
     writeHeader(out, verdictName,
                 "Verdict of the history up to the day: 0 PASSED, 1 WARNING, "
                 "2 FAILED");
-    for (const auto& drive : drives)
+    for (const auto* drive : drives)
     {
-        auto verdicts = dailyVerdicts(drive);
+        // The last day's verdict is the history's own.
+        auto verdicts =
+            stamped ? dailyVerdicts(*drive) : std::vector<Verdict>{};
         writeSeries(
-            out, verdictName, driveLabels(drive, ""), drive,
+            out, verdictName, driveLabels(*drive, ""), *drive,
             [&](size_t i) {
-                return std::optional<std::int64_t>(
-                    static_cast<std::int64_t>(verdicts[i]));
+                return std::optional<std::int64_t>(static_cast<std::int64_t>(
+                    stamped ? verdicts[i] : drive->assessment.verdict));
             },
             stamped);
     }

@@ -426,21 +426,22 @@ void writeHistory(std::ostream& out, const Options& options,
 int showDays(const Options& options, std::ostream& out, std::ostream& err)
 {
     bool intact = true;
-    History history;
+    HistoryBuilder builder;
     for (const auto& file :
          datedFiles(options.paths, options.period, err, intact))
     {
         auto each = [&](const Document& document) {
-            history.add(file.day, document);
+            builder.add(file.day, document);
         };
         intact = readReportFile(file.path, err, each) && intact;
     }
+    const History history = builder.build();
     int status = intact ? exitOk : exitDamaged;
-    for (const auto& drive : history.drives())
+    for (const auto& drive : history.drives)
     {
         // A drive gone before the last day was replaced: its state is no
         // longer the server's.
-        if (drive.samples.back().day == history.lastDay())
+        if (drive.samples.back().day == history.lastDay)
         {
             status |= verdictBits(drive.assessment.verdict);
         }
