@@ -116,20 +116,42 @@ struct Scale
     }
 };
 
-std::string points(const DriveHistory& drive, Figure DriveHealth::*figure,
-                   const Scale& scale)
+struct Point
 {
-    std::string text;
+    int x;
+    int y;
+};
+
+std::vector<Point> points(const DriveHistory& drive,
+                          Figure DriveHealth::*figure, const Scale& scale)
+{
+    std::vector<Point> at;
     for (const auto& sample : drive.samples)
     {
         if (auto value = sample.health.*figure; value)
         {
-            text += (text.empty() ? "" : " ") +
-                    std::to_string(int(scale.x(sample.day))) + ',' +
-                    std::to_string(int(scale.y(*value)));
+            at.push_back({int(scale.x(sample.day)), int(scale.y(*value))});
         }
     }
-    return text;
+    return at;
+}
+
+// A line through the points; a lone point, which draws no line, as a dot.
+void writeLine(std::ostream& out, const std::vector<Point>& at,
+               std::string_view colour)
+{
+    out << "<polyline fill='none' stroke-width='2' stroke='" << colour
+        << "' points='";
+    for (size_t i = 0; i < at.size(); ++i)
+    {
+        out << (i == 0 ? "" : " ") << at[i].x << ',' << at[i].y;
+    }
+    out << "'/>";
+    if (at.size() == 1)
+    {
+        out << "<circle r='3' fill='" << colour << "' cx='" << at[0].x
+            << "' cy='" << at[0].y << "'/>";
+    }
 }
 
 // A small chart of the plot's lines over the whole history's days; nothing
@@ -168,16 +190,7 @@ void writePlot(std::ostream& out, const Plot& plot, const DriveHistory& drive,
         << "</text>";
     for (const auto& [line, trend] : shown)
     {
-        auto at = points(drive, line->figure, scale);
-        out << "<polyline fill='none' stroke-width='2' stroke='" << line->colour
-            << "' points='" << at << "'/>";
-        if (at.find(' ') == std::string::npos)
-        {
-            auto comma = at.find(',');
-            out << "<circle r='3' fill='" << line->colour << "' cx='"
-                << at.substr(0, comma) << "' cy='" << at.substr(comma + 1)
-                << "'/>";
-        }
+        writeLine(out, points(drive, line->figure, scale), line->colour);
     }
     out << "</svg><figcaption>" << escaped(plot.caption) << ": "
         << escaped(legend) << "</figcaption></figure>\n";
