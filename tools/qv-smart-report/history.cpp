@@ -212,15 +212,18 @@ void HistoryBuilder::add(Day day, const Document& document)
     }
 }
 
-History HistoryBuilder::build() const
+History HistoryBuilder::build()
 {
     std::vector<DriveHistory> followed;
-    for (const auto& [fqdd, days] : timeline)
+    // One drive at a time, so that its days are never held twice.
+    while (!timeline.empty())
     {
-        DriveHistory drive{fqdd, {}};
-        for (const auto& [day, health] : days)
+        auto days = timeline.extract(timeline.begin());
+        DriveHistory drive{days.key(), {}};
+        drive.samples.reserve(days.mapped().size());
+        for (auto& [day, health] : days.mapped())
         {
-            drive.samples.push_back({day, health});
+            drive.samples.push_back({day, std::move(health)});
         }
         drive.assessment = historyAssessment(drive);
         followed.push_back(std::move(drive));

@@ -96,7 +96,8 @@ public:
     // Every drive of one report document, on its day.
     void add(Day day, const Document& document);
 
-    History build() const;
+    // Moves the days read into the history: the builder is empty after.
+    History build();
 
 private:
     std::map<std::string, std::map<Day, DriveHealth>> timeline;
