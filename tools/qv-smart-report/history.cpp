@@ -239,11 +239,6 @@ namespace
 
 using Json = nlohmann::ordered_json;
 
-Json optionalJson(const auto& value)
-{
-    return value ? Json(*value) : Json();
-}
-
 Json optionalDay(std::optional<Day> day)
 {
     return day ? Json(dayText(*day)) : Json();
