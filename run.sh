@@ -18,7 +18,6 @@ packages=(
     libgtest-dev libgmock-dev nlohmann-json3-dev libcli11-dev
     util-linux coreutils valgrind systemd bubblewrap
     clang libclang-rt-14-dev clang-tidy
-    python3-inflection python3-mako python3-yaml
     prometheus chromium
 )
 
@@ -47,28 +46,14 @@ installPackages() {
     "${sudo[@]}" apt-get install -y -qq --no-install-recommends $missing
 }
 
-# The real sdbusplus, pinned by subprojects/sdbusplus.wrap. These machines
-# reach no git server, so its tree comes from the copy kept beside the
-# project; elsewhere meson fetches it through the wrap.
-sdbusplusTarball="$here/../shared/third_party/sdbusplus-fc73b395.tar.gz"
-sdbusplusSha256=2a9d2c54e5b875e5adcd86062abc133410b43385f353a4e8969dbe195dea206a
-unpackSdbusplus() {
-    [ -f "$here/subprojects/sdbusplus/meson.build" ] && return 0
-    [ -f "$sdbusplusTarball" ] || return 0
-    echo "$sdbusplusSha256  $sdbusplusTarball" | sha256sum --check --quiet
-    tar -xzf "$sdbusplusTarball" -C "$here/subprojects"
-}
-
 # configure DIR [meson options...]
 configure() {
     local dir=$1
     shift
-    unpackSdbusplus
-    local machine=(--native-file "$here/build-aux/debian-python.ini")
     if [ -f "$dir/build.ninja" ]; then
-        meson setup --reconfigure "$dir" "$here" "${machine[@]}" "$@" >/dev/null
+        meson setup --reconfigure "$dir" "$here" "$@" >/dev/null
     else
-        meson setup "$dir" "$here" "${machine[@]}" "$@"
+        meson setup "$dir" "$here" "$@"
     fi
 }
 
@@ -80,8 +65,8 @@ compile() {
 
 # clang-tidy with the checked-in .clang-tidy over the project's own sources
 # in the normal build's compilation database, one file per core. Not
-# subprojects/ (sdbusplus has its own checks) and not tests/fuzz/, whose
-# harnesses only build with -Dfuzzing=true. Any finding fails the step.
+# tests/fuzz/, whose harnesses only build with -Dfuzzing=true. Any finding
+# fails the step.
 tidy() {
     local log="$build/meson-logs/clang-tidy.log" rc=0 started=$SECONDS root
     root=$(printf '%s' "$here" | sed 's/[][\.*^$?+(){}|]/\\&/g')
@@ -314,7 +299,6 @@ case "${1:-}" in
     mutate)
         # Not part of `test`: one build and one suite run per mutation.
         installPackages rsync
-        unpackSdbusplus
         exec "$here/tests/mutate/run-mutations.sh" "$here" \
             "$here/build-mutate" "${2:-}"
         ;;

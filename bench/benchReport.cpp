@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
 #include <cstdio>
 #include <functional>
 
@@ -32,13 +33,6 @@ double medianOf(const std::vector<Measurement>& runs,
         values.push_back(value(run));
     }
     return median(values);
-}
-
-std::string format(const char* pattern, double value)
-{
-    std::array<char, 64> text{};
-    std::snprintf(text.data(), text.size(), pattern, value);
-    return text.data();
 }
 
 std::string row(const std::vector<std::string>& cells)
@@ -85,13 +79,13 @@ std::string timeTable(const std::vector<SizeResult>& results)
         double busctlMs = medianWallMs(r.busctl);
         table += row(
             {std::to_string(r.drives), std::to_string(r.roundTrips),
-             format("%.2f", floorMs), format("%.2f", collectorMs),
-             format("%.3f", collectorMs / floorMs), format("%.2f", bestFloorMs),
-             format("%.2f", bestCollectorMs),
-             format("%.3f", bestCollectorMs / bestFloorMs),
-             format("%.3f", pairedRatio(r.collector, r.floor)),
-             format("%.0f", busctlMs), format("%.1f", busctlMs / collectorMs),
-             format("%.1f", bestCollectorMs * 1000 /
+             formatted("%.2f", floorMs), formatted("%.2f", collectorMs),
+             formatted("%.3f", collectorMs / floorMs), formatted("%.2f", bestFloorMs),
+             formatted("%.2f", bestCollectorMs),
+             formatted("%.3f", bestCollectorMs / bestFloorMs),
+             formatted("%.3f", pairedRatio(r.collector, r.floor)),
+             formatted("%.0f", busctlMs), formatted("%.1f", busctlMs / collectorMs),
+             formatted("%.1f", bestCollectorMs * 1000 /
                                 static_cast<double>(r.roundTrips))});
     }
     return table;
@@ -117,12 +111,12 @@ std::string memoryTable(const std::vector<SizeResult>& results)
         table += row({std::to_string(r.drives),
                       std::to_string(peakRssKiB(r.baseline)),
                       std::to_string(floorKiB), std::to_string(collectorKiB),
-                      format("%.3f", static_cast<double>(collectorKiB) /
+                      formatted("%.3f", static_cast<double>(collectorKiB) /
                                          static_cast<double>(floorKiB)),
-                      format("%.1f", medianCpuMs(r.floor)),
-                      format("%.1f", medianSystemMs(r.floor)),
-                      format("%.1f", medianCpuMs(r.collector)),
-                      format("%.1f", medianSystemMs(r.collector)),
+                      formatted("%.1f", medianCpuMs(r.floor)),
+                      formatted("%.1f", medianSystemMs(r.floor)),
+                      formatted("%.1f", medianCpuMs(r.collector)),
+                      formatted("%.1f", medianSystemMs(r.collector)),
                       std::to_string(r.reportBytes)});
     }
     return table;
@@ -166,6 +160,25 @@ double pairedRatio(const std::vector<Measurement>& collector,
                          static_cast<double>(floor[i].wallTime.count()));
     }
     return median(ratios);
+}
+
+std::optional<int> positiveNumber(std::string_view text)
+{
+    int value = 0;
+    const char* end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data(), end, value);
+    if (error != std::errc() || stop != end || value <= 0)
+    {
+        return std::nullopt;
+    }
+    return value;
+}
+
+std::string formatted(const char* pattern, double value)
+{
+    std::array<char, 64> text{};
+    const int length = std::snprintf(text.data(), text.size(), pattern, value);
+    return length > 0 ? text.data() : "";
 }
 
 double medianWallMs(const std::vector<Measurement>& runs)
@@ -220,14 +233,14 @@ Verdicts checkTargets(const std::vector<SizeResult>& results)
         // it must stay within 15 % of the floor, beyond that within 20 %.
         const double limit = r.drives <= 256 ? 1.15 : 1.2;
         verdict(verdicts, ratio <= limit,
-                format("peak RSS %.3f x the floor's", ratio) + " at " +
+                formatted("peak RSS %.3f x the floor's", ratio) + " at " +
                     std::to_string(r.drives) + " drives" +
-                    format(" (at most %.2f)", limit));
+                    formatted(" (at most %.2f)", limit));
         if (r.drives == 256)
         {
             double wall = pairedRatio(r.collector, r.floor);
             verdict(verdicts, wall <= 1.25,
-                    format("wall time %.3f x the floor's", wall) +
+                    formatted("wall time %.3f x the floor's", wall) +
                         " at 256 drives (median of the runs' ratios; at "
                         "most 1.25)");
         }
@@ -248,9 +261,9 @@ Verdicts checkTargets(const std::vector<SizeResult>& results)
         double first = slope(results[0], results[1]);
         double final = slope(results[last - 1], results[last]);
         verdict(verdicts, final <= 1.25 * first,
-                format("%.1f µs", final * 1000) +
+                formatted("%.1f µs", final * 1000) +
                     " per extra round trip between the two largest sizes, " +
-                    format("%.1f µs", first * 1000) +
+                    formatted("%.1f µs", first * 1000) +
                     " between the two smallest (at most 1.25 x)");
     }
     return verdicts;

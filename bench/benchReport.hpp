@@ -3,7 +3,9 @@
 #include "measure.hpp"
 
 #include <cstdint>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace bench
@@ -23,6 +25,11 @@ struct SizeResult
 
 // Median and shortest wall time in milliseconds, largest peak RSS in KiB,
 // median CPU time and its system part in milliseconds.
+// A whole number above 0 written out in full, or nothing.
+std::optional<int> positiveNumber(std::string_view text);
+// One number through a printf pattern.
+std::string formatted(const char* pattern, double value);
+
 double medianWallMs(const std::vector<Measurement>& runs);
 double bestWallMs(const std::vector<Measurement>& runs);
 // The median of collector / floor over runs made back to back: slow spells

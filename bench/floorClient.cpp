@@ -14,6 +14,7 @@
 
 #include <systemd/sd-bus.h>
 
+#include <charconv>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -77,7 +78,12 @@ int appendArguments(sd_bus_message* call, const std::string& signature,
         }
         else if (signature[i] == 'i')
         {
-            auto value = static_cast<int32_t>(std::atol(field.c_str()));
+            int32_t value = 0;
+            const char* end = field.data() + field.size();
+            if (std::from_chars(field.data(), end, value).ptr != end)
+            {
+                throw BadCall{"not a number: " + field};
+            }
             r = sd_bus_message_append_basic(call, 'i', &value);
         }
         else
@@ -112,7 +118,7 @@ bool callOnce(sd_bus* bus, const std::vector<std::string>& fields)
     {
         r = appendArguments(call.get(), fields[4], fields, 5);
     }
-    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_error error{}; // SD_BUS_ERROR_NULL, without its C compound literal
     sd_bus_message* rawReply = nullptr;
     if (r >= 0)
     {

@@ -317,13 +317,6 @@ private:
     }
 };
 
-std::string formatted(const char* pattern, double value)
-{
-    std::array<char, 64> text{};
-    std::snprintf(text.data(), text.size(), pattern, value);
-    return text.data();
-}
-
 std::string resultTable(const Options& options, std::uintmax_t bytes,
                         const std::vector<FormatRuns>& results)
 {
@@ -335,13 +328,13 @@ std::string resultTable(const Options& options, std::uintmax_t bytes,
     {
         table += "| " + result.format + " | " +
                  std::to_string(2 * options.days) + " | " +
-                 formatted("%.1f", double(bytes) / (1024.0 * 1024.0)) + " | " +
+                 bench::formatted("%.1f", double(bytes) / (1024.0 * 1024.0)) + " | " +
                  std::to_string(options.drives) + " | " +
-                 formatted("%.1f", bench::medianWallMs(result.runs)) + " | " +
-                 formatted("%.1f", bench::bestWallMs(result.runs)) + " | " +
+                 bench::formatted("%.1f", bench::medianWallMs(result.runs)) + " | " +
+                 bench::formatted("%.1f", bench::bestWallMs(result.runs)) + " | " +
                  std::to_string(bench::peakRssKiB(result.runs)) + " | " +
-                 formatted("%.1f", bench::medianCpuMs(result.runs)) + " | " +
-                 formatted("%.1f", bench::medianSystemMs(result.runs)) + " |\n";
+                 bench::formatted("%.1f", bench::medianCpuMs(result.runs)) + " | " +
+                 bench::formatted("%.1f", bench::medianSystemMs(result.runs)) + " |\n";
     }
     return table;
 }
@@ -354,12 +347,12 @@ std::string resultTable(const Options& options, std::uintmax_t bytes,
 
 int positive(const std::string& text)
 {
-    int value = std::atoi(text.c_str());
-    if (value <= 0)
+    const auto value = bench::positiveNumber(text);
+    if (!value)
     {
         usage();
     }
-    return value;
+    return *value;
 }
 
 Options parseOptions(const std::vector<std::string>& args)
@@ -423,7 +416,7 @@ int main(int argc, char* argv[])
     }
     bool met = slowest < targetSeconds;
     std::cout << "history of " << 2 * options.days << " files: median "
-              << formatted("%.3f", slowest)
+              << bench::formatted("%.3f", slowest)
               << " s, target < 2 s: " << (met ? "met" : "MISSED") << "\n";
     return met ? 0 : 3;
 }

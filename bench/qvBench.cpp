@@ -253,12 +253,12 @@ std::string sizeFile(const std::string& dir, const char* kind,
 
 int positive(const char* text)
 {
-    int value = std::atoi(text);
-    if (value <= 0)
+    const auto value = bench::positiveNumber(text);
+    if (!value)
     {
         usage();
     }
-    return value;
+    return *value;
 }
 
 } // namespace

@@ -354,10 +354,13 @@ template <typename Record>
 class TableCollector
 {
 public:
-    explicit TableCollector(const char* name) : name(name)
+    explicit TableCollector(const char* name) : tableName(name)
     {}
 
-    const std::string name;
+    const std::string& name() const
+    {
+        return tableName;
+    }
 
     // A table (or its "entries") given again replaces the earlier one, as
     // in a JSON document.
@@ -394,7 +397,7 @@ public:
     void takeEntry(EntryMembers* members)
     {
         const std::string where =
-            name + " entry " + std::to_string(entryCount++);
+            tableName + " entry " + std::to_string(entryCount++);
         if (firstBadEntry)
         {
             return;
@@ -437,20 +440,21 @@ public:
         };
         if (notObject)
         {
-            return shapeError("\"" + name + "\" is not an object");
+            return shapeError("\"" + tableName + "\" is not an object");
         }
         if (firstUnknown)
         {
-            return shapeError("\"" + name + "\" has unknown member \"" +
+            return shapeError("\"" + tableName + "\" has unknown member \"" +
                               *firstUnknown + "\"");
         }
         if (entriesNotArray)
         {
-            return shapeError(name + ".entries is not an array");
+            return shapeError(tableName + ".entries is not an array");
         }
         if (statusBad)
         {
-            return shapeError(name + ".status is not an integer in 0..2^64-1");
+            return shapeError(tableName +
+                              ".status is not an integer in 0..2^64-1");
         }
         if (firstBadEntry)
         {
@@ -462,6 +466,7 @@ public:
     }
 
 private:
+    std::string tableName;
     bool present = false;
     bool notObject = false;
     bool entriesNotArray = false;
@@ -594,8 +599,8 @@ private:
     {
         if (level == 1)
         {
-            table = name == sasSata.name ? Table::sasSata
-                    : name == nvme.name  ? Table::nvme
+            table = name == sasSata.name() ? Table::sasSata
+                    : name == nvme.name()  ? Table::nvme
                                          : Table::none;
         }
         else if (level == 2)
@@ -783,11 +788,13 @@ void report(const std::string& path, const char* reason) noexcept
 {
     if (path.empty())
     {
-        std::fprintf(stderr, "smartdata: %s\n", reason);
+        // Nowhere else to turn when standard error fails.
+        static_cast<void>(std::fprintf(stderr, "smartdata: %s\n", reason));
     }
     else
     {
-        std::fprintf(stderr, "smartdata: %s: %s\n", path.c_str(), reason);
+        static_cast<void>(
+            std::fprintf(stderr, "smartdata: %s: %s\n", path.c_str(), reason));
     }
 }
 
@@ -810,7 +817,7 @@ std::uint64_t loadTable(std::map<std::string, Record>& map) noexcept
         TableOutcome<Record> outcome = outcomeFor<Record>(path);
         if (outcome.error)
         {
-            throw *outcome.error;
+            throw LoadError(*outcome.error);
         }
         map.merge(outcome.records);
         return outcome.status;

@@ -44,11 +44,10 @@ std::string baseNameOf(std::string_view path)
     return std::string(path.substr(0, path.find('.')));
 }
 
-const std::string fileBaseName = baseNameOf(__FILE__);
-
 const char* fileName()
 {
-    return fileBaseName.c_str();
+    static const std::string name = baseNameOf(__FILE__);
+    return name.c_str();
 }
 
 // Interface name, subtree root and interface filter of a storage object

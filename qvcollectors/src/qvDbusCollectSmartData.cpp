@@ -46,10 +46,10 @@ constexpr int logModule = 171;
 constexpr const char* driverName = "addSmartData";
 
 // The storage service's SMART methods.
-const std::string storageService = "com.kest.omrix.storage";
-const std::string driveServiceInterface =
+constexpr const char* storageService = "com.kest.omrix.storage";
+constexpr const char* driveServiceInterface =
     "com.kest.omrix.storage.drive.service";
-const std::string driveServicePath = "/com/kest/omrix/storage/drive";
+constexpr const char* driveServicePath = "/com/kest/omrix/storage/drive";
 
 // The storage service knows a drive by its bare FQDD: a name handed to the
 // raw-data request with this prefix goes out without it.
@@ -257,12 +257,13 @@ std::string getCurrentDay(int kind)
 {
     const std::time_t now = std::time(nullptr);
     std::array<char, 10> date{};
+    std::size_t dateLength = 0;
     if (const std::tm* local = std::localtime(&now))
     {
-        std::strftime(date.data(), date.size(), "%Y%m%d", local);
+        dateLength = std::strftime(date.data(), date.size(), "%Y%m%d", local);
     }
     std::string path = std::string(dailyDirectory) + (kind == 0 ? "SL" : "RD") +
-                       date.data() + ".json";
+                       std::string(date.data(), dateLength) + ".json";
     dlog_printf(logLevel, logModule, "%s.%d.%s: file : [%s]\n", fileName(),
                 __LINE__, __func__, path.c_str());
     return path;
@@ -605,8 +606,8 @@ sdbusplus::message_t newStorageCall(sdbusplus::bus_t& bus, const char* member,
                                     const std::string& fqdd)
 {
     auto call =
-        bus.new_method_call(storageService.c_str(), driveServicePath.c_str(),
-                            driveServiceInterface.c_str(), member);
+        bus.new_method_call(storageService, driveServicePath,
+                            driveServiceInterface, member);
     call.append(fqdd);
     return call;
 }

@@ -31,8 +31,8 @@ using testsupport::readFile;
 using testsupport::RunResult;
 using testsupport::Sandbox;
 
-const std::string earlierLogs = "{\n\"EARLIER-LOGS\":\n{\n}\n}";
-const std::string earlierRaw = "{\n\"EARLIER-RAW\":\n{\n}\n}";
+constexpr const char* earlierLogs = "{\n\"EARLIER-LOGS\":\n{\n}\n}";
+constexpr const char* earlierRaw = "{\n\"EARLIER-RAW\":\n{\n}\n}";
 
 json loadCases()
 {
@@ -172,7 +172,8 @@ std::string localDate(const std::optional<std::string>& zone)
     std::tm local{};
     localtime_r(&now, &local);
     std::array<char, 16> text{};
-    std::strftime(text.data(), text.size(), "%Y%m%d", &local);
+    const std::size_t length =
+        std::strftime(text.data(), text.size(), "%Y%m%d", &local);
     if (saved != nullptr)
     {
         setenv("TZ", before.c_str(), 1);
@@ -182,7 +183,7 @@ std::string localDate(const std::optional<std::string>& zone)
         unsetenv("TZ");
     }
     tzset();
-    return text.data();
+    return {text.data(), length};
 }
 
 // A log record as the table writes it: "function: text" stands for the

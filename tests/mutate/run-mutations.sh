@@ -14,13 +14,12 @@ tree="$work/src"
 build="$work/build"
 
 mkdir -p "$tree"
-# The copy carries the unpacked sdbusplus; build directories stay behind.
+# Build directories stay behind.
 # Changed files get the time of the copy, not the source's: an object built
 # from a mutated file can be newer than the source's own time.
 rsync -rlpD --checksum --delete --include '/build-aux/' --exclude '/build*' --exclude '/.git' "$src/" "$tree/"
 if [ ! -f "$build/build.ninja" ]; then
-    meson setup "$build" "$tree" \
-        --native-file "$tree/build-aux/debian-python.ini" >/dev/null
+    meson setup "$build" "$tree" >/dev/null
 fi
 ninja -C "$build" >/dev/null
 meson test -C "$build" --no-rebuild >/dev/null || {

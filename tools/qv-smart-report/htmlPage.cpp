@@ -79,7 +79,9 @@ struct Plot
 };
 
 // Temperature, wear (whichever the drive reports) and the error counters.
-const std::array<Plot, 3> plots = {
+const std::array<Plot, 3>& plots()
+{
+    static const std::array<Plot, 3> all = {
     Plot{"temperature (°C)",
          {{"temp_c", "#d84315", &DriveHealth::temperatureC}}},
     Plot{"life",
@@ -91,7 +93,9 @@ const std::array<Plot, 3> plots = {
           {"pending", "#ef8f00", &DriveHealth::pending},
           {"command_timeouts", "#00838f", &DriveHealth::commandTimeouts},
           {"crc_errors", "#757575", &DriveHealth::crcErrors}}},
-};
+    };
+    return all;
+}
 
 struct Scale
 {
@@ -225,7 +229,7 @@ void writeDrive(std::ostream& out, const DriveHistory& drive,
         out << "</ul>\n";
     }
     out << "<div class='plots'>\n";
-    for (const auto& plot : plots)
+    for (const auto& plot : plots())
     {
         writePlot(out, plot, drive, history);
     }

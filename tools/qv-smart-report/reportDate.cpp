@@ -64,9 +64,11 @@ std::string dayText(Day day)
 {
     std::chrono::year_month_day date(day);
     std::array<char, 16> text{};
-    std::snprintf(text.data(), text.size(), "%04d-%02u-%02u", int(date.year()),
-                  unsigned(date.month()), unsigned(date.day()));
-    return text.data();
+    const int length =
+        std::snprintf(text.data(), text.size(), "%04d-%02u-%02u",
+                      int(date.year()), unsigned(date.month()),
+                      unsigned(date.day()));
+    return length > 0 ? text.data() : "";
 }
 
 std::string dailyReportName(ReportKind kind, Day day)
