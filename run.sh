@@ -3,6 +3,8 @@
 #   ./run.sh demo   run the collector over a simulated server and show its reports
 #   ./run.sh test   install what is missing, build, run every test
 #   ./run.sh tidy   build, then clang-tidy over the project's sources
+#   ./run.sh format apply .clang-format to every C++ file
+#   ./run.sh size   non-blank lines of tests/ against the rest of the code
 #   ./run.sh fuzz [SECONDS]   run each fuzz target longer (default 300 s)
 #   ./run.sh test-aarch64     cross-build for AArch64, run the tests under qemu
 #   ./run.sh bench [RUNS]     the collector against its floor, the reader's history (bench/README.md)
@@ -17,7 +19,7 @@ packages=(
     libsystemd-dev dbus-daemon
     libgtest-dev libgmock-dev nlohmann-json3-dev libcli11-dev
     util-linux coreutils valgrind systemd bubblewrap
-    clang libclang-rt-14-dev clang-tidy
+    clang libclang-rt-14-dev clang-tidy clang-format-16
     prometheus chromium
 )
 
@@ -97,6 +99,44 @@ EOF
         return 1
     fi
     echo "clang-tidy: no findings ($((SECONDS - started)) s)"
+}
+
+# .clang-format needs clang-format 16 for some of its keys; Debian 12's
+# default clang-format is 14.
+cppFiles() {
+    git -C "$here" ls-files -z '*.cpp' '*.hpp'
+}
+
+# Every C++ file as .clang-format lays it out; the files that differ are
+# listed and fail the step.
+formatCheck() {
+    echo "run.sh: clang-format over the project's C++ files"
+    local unformatted
+    unformatted=$(cd "$here" && cppFiles | xargs -0 clang-format-16 \
+        --dry-run 2>&1 | sed -n 's/^\([^:]*\):[0-9]*:[0-9]*: warning: .*/\1/p' |
+        sort -u)
+    if [ -n "$unformatted" ]; then
+        echo "$unformatted"
+        echo "clang-format: the files above differ from .clang-format" \
+            "(./run.sh format applies it)"
+        return 1
+    fi
+    echo "clang-format: every file as .clang-format lays it out"
+}
+
+# Non-blank lines of tests/ (but its fuzz corpora, the expected reports and
+# its documentation) against the rest of the project's code (no
+# documentation, no dot files).
+sizeCount() {
+    cd "$here"
+    local tests rest
+    tests=$(git ls-files tests |
+        grep -v '^tests/fuzz/corpus/\|^tests/e2e/expected/\|\.md$' |
+        xargs cat | grep -cv '^\s*$')
+    rest=$(git ls-files | grep -v '^tests/\|\.md$\|^\.\|/\.\|LICENSE\|\.png$' |
+        xargs cat | grep -cv '^\s*$')
+    echo "size: $tests lines of tests against $rest of the rest," \
+        "$(awk -v t="$tests" -v r="$rest" 'BEGIN { printf "%.3f", t / r }')"
 }
 
 # The same sources and tests with AddressSanitizer and
@@ -206,12 +246,14 @@ case "${1:-}" in
     test)
         compile
         status=0
-        if tidy; then
-            passedTotal=$((passedTotal + 1))
-        else
-            failedTotal=$((failedTotal + 1))
-            status=1
-        fi
+        for step in formatCheck tidy; do
+            if "$step"; then
+                passedTotal=$((passedTotal + 1))
+            else
+                failedTotal=$((failedTotal + 1))
+                status=1
+            fi
+        done
         runTests "$build" || status=1
         echo "run.sh: end-to-end tests with the collector under valgrind"
         QV_COLLECTOR_WRAPPER="/usr/bin/valgrind --error-exitcode=99 --leak-check=full --errors-for-leak-kinds=definite,indirect -q" \
@@ -232,6 +274,13 @@ case "${1:-}" in
     tidy)
         compile
         tidy
+        ;;
+    format)
+        installPackages
+        cd "$here" && cppFiles | xargs -0 clang-format-16 -i
+        ;;
+    size)
+        sizeCount
         ;;
     demo)
         # Build quietly: the demo's output is the collector's reports.
@@ -307,7 +356,7 @@ case "${1:-}" in
         exec "$here/tests/fuzz/run-fuzz.sh" "${2:-300}"
         ;;
     *)
-        echo "usage: $0 demo|test|tidy|test-aarch64|fuzz [SECONDS]|bench [RUNS]|mutate [PATTERN]" >&2
+        echo "usage: $0 demo|test|tidy|format|size|test-aarch64|fuzz [SECONDS]|bench [RUNS]|mutate [PATTERN]" >&2
         exit 64
         ;;
 esac

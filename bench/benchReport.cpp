@@ -80,13 +80,14 @@ std::string timeTable(const std::vector<SizeResult>& results)
         table += row(
             {std::to_string(r.drives), std::to_string(r.roundTrips),
              formatted("%.2f", floorMs), formatted("%.2f", collectorMs),
-             formatted("%.3f", collectorMs / floorMs), formatted("%.2f", bestFloorMs),
-             formatted("%.2f", bestCollectorMs),
+             formatted("%.3f", collectorMs / floorMs),
+             formatted("%.2f", bestFloorMs), formatted("%.2f", bestCollectorMs),
              formatted("%.3f", bestCollectorMs / bestFloorMs),
              formatted("%.3f", pairedRatio(r.collector, r.floor)),
-             formatted("%.0f", busctlMs), formatted("%.1f", busctlMs / collectorMs),
+             formatted("%.0f", busctlMs),
+             formatted("%.1f", busctlMs / collectorMs),
              formatted("%.1f", bestCollectorMs * 1000 /
-                                static_cast<double>(r.roundTrips))});
+                                   static_cast<double>(r.roundTrips))});
     }
     return table;
 }
@@ -112,7 +113,7 @@ std::string memoryTable(const std::vector<SizeResult>& results)
                       std::to_string(peakRssKiB(r.baseline)),
                       std::to_string(floorKiB), std::to_string(collectorKiB),
                       formatted("%.3f", static_cast<double>(collectorKiB) /
-                                         static_cast<double>(floorKiB)),
+                                            static_cast<double>(floorKiB)),
                       formatted("%.1f", medianCpuMs(r.floor)),
                       formatted("%.1f", medianSystemMs(r.floor)),
                       formatted("%.1f", medianCpuMs(r.collector)),

@@ -110,8 +110,8 @@ DailyReports collectOneDay(const Options& options)
     {
         names.push_back(entry.path().filename().string());
     }
-    auto dated =
-        names.empty() ? std::nullopt : qvreport::datedReportName(names.front());
+    auto dated = names.empty() ? std::nullopt
+                               : qvreport::datedReportName(names.front());
     if (!dated || names.size() != 2)
     {
         throw std::runtime_error("the collector did not write one SL and one "
@@ -150,8 +150,8 @@ std::string shifted(std::string_view text, std::string_view name, long delta)
             break;
         }
         long value = 0;
-        auto [end, error] =
-            std::from_chars(text.data() + from, text.data() + to, value);
+        auto [end, error] = std::from_chars(text.data() + from,
+                                            text.data() + to, value);
         result.append(text.substr(done, from - done));
         if (error == std::errc() && end == text.data() + to)
         {
@@ -252,9 +252,8 @@ void checkJson(const std::string& output, int drives, int days)
 
 class HistoryBench
 {
-public:
-    explicit HistoryBench(const Options& options) : options(options)
-    {}
+  public:
+    explicit HistoryBench(const Options& options) : options(options) {}
 
     std::uintmax_t prepare()
     {
@@ -278,7 +277,7 @@ public:
         return results;
     }
 
-private:
+  private:
     const Options& options;
     testsupport::TempDir scratch;
 
@@ -326,15 +325,17 @@ std::string resultTable(const Options& options, std::uintmax_t bytes,
         "|---|---:|---:|---:|---:|---:|---:|---:|---:|\n";
     for (const auto& result : results)
     {
-        table += "| " + result.format + " | " +
-                 std::to_string(2 * options.days) + " | " +
-                 bench::formatted("%.1f", double(bytes) / (1024.0 * 1024.0)) + " | " +
-                 std::to_string(options.drives) + " | " +
-                 bench::formatted("%.1f", bench::medianWallMs(result.runs)) + " | " +
-                 bench::formatted("%.1f", bench::bestWallMs(result.runs)) + " | " +
-                 std::to_string(bench::peakRssKiB(result.runs)) + " | " +
-                 bench::formatted("%.1f", bench::medianCpuMs(result.runs)) + " | " +
-                 bench::formatted("%.1f", bench::medianSystemMs(result.runs)) + " |\n";
+        table +=
+            "| " + result.format + " | " + std::to_string(2 * options.days) +
+            " | " +
+            bench::formatted("%.1f", double(bytes) / (1024.0 * 1024.0)) +
+            " | " + std::to_string(options.drives) + " | " +
+            bench::formatted("%.1f", bench::medianWallMs(result.runs)) + " | " +
+            bench::formatted("%.1f", bench::bestWallMs(result.runs)) + " | " +
+            std::to_string(bench::peakRssKiB(result.runs)) + " | " +
+            bench::formatted("%.1f", bench::medianCpuMs(result.runs)) + " | " +
+            bench::formatted("%.1f", bench::medianSystemMs(result.runs)) +
+            " |\n";
     }
     return table;
 }

@@ -98,8 +98,8 @@ void expectSameCalls(const std::vector<std::string>& expected,
     {
         return;
     }
-    auto [left, right] =
-        std::mismatch(expected.begin(), expected.end(), got.begin(), got.end());
+    auto [left, right] = std::mismatch(expected.begin(), expected.end(),
+                                       got.begin(), got.end());
     std::string wanted = left != expected.end() ? *left : "(end)";
     std::string made = right != got.end() ? *right : "(end)";
     throw std::runtime_error(std::string(who) + " made other calls than " +
@@ -129,7 +129,7 @@ struct Setup
 // One server size: the private bus and root, and the programs to compare.
 class SizeBench
 {
-public:
+  public:
     explicit SizeBench(const Setup& setup) : setup(setup)
     {
         // The collector sees only the sandbox's directory of the host's.
@@ -191,7 +191,7 @@ public:
         return result;
     }
 
-private:
+  private:
     const Setup& setup;
     testsupport::TempDir scratch;
     PrivateBus bus;
@@ -220,8 +220,8 @@ private:
     Measurement measureOne(const Command& command, const char* who)
     {
         std::string errors = scratch.path() + "/stderr.txt";
-        auto measured =
-            bench::measureProgram(command.argv, command.env, errors);
+        auto measured = bench::measureProgram(command.argv, command.env,
+                                              errors);
         if (measured.exitCode != 0)
         {
             throw std::runtime_error(std::string(who) + " failed (exit code " +

@@ -28,7 +28,7 @@ namespace
 // opened once and kept; it is reopened only when the variable changes.
 class Sink
 {
-public:
+  public:
     Sink() = default;
     Sink(const Sink&) = delete;
     Sink& operator=(const Sink&) = delete;
@@ -56,7 +56,7 @@ public:
         return canRaiseSigpipe;
     }
 
-private:
+  private:
     void reopen(const std::string& wanted)
     {
         closeFile();
@@ -159,7 +159,7 @@ std::string recordLine(const Record& record)
 // signal is held back for the write and any instance it raised is consumed.
 class SigpipeGuard
 {
-public:
+  public:
     SigpipeGuard()
     {
         sigemptyset(&pipeOnly);
@@ -186,7 +186,7 @@ public:
     SigpipeGuard(const SigpipeGuard&) = delete;
     SigpipeGuard& operator=(const SigpipeGuard&) = delete;
 
-private:
+  private:
     sigset_t pipeOnly{};
     sigset_t saved{};
     bool wasPending = false;
@@ -278,8 +278,9 @@ void raiseAtMarker(const std::string& text)
         const std::string_view number = chosen != nullptr ? chosen : "";
         int signal = SIGUSR1;
         if (!number.empty() &&
-            std::from_chars(number.data(), number.data() + number.size(), signal).ec !=
-                std::errc())
+            std::from_chars(number.data(), number.data() + number.size(),
+                            signal)
+                    .ec != std::errc())
         {
             return;
         }

@@ -19,7 +19,7 @@ struct Record
 // instead of writing them out. Captures nest; the newest one receives.
 class Capture
 {
-public:
+  public:
     Capture();
     ~Capture();
     Capture(const Capture&) = delete;
@@ -28,7 +28,7 @@ public:
     const std::vector<Record>& records() const;
     void clear();
 
-private:
+  private:
     friend void deliver(Record record);
 
     std::vector<Record> captured;

@@ -112,7 +112,7 @@ constexpr std::array<std::string_view, smartdatanvme_gen::fieldCount> nvmeNames{
 
 class LoadError : public std::runtime_error
 {
-public:
+  public:
     LoadError(LoadStatus status, const std::string& reason) :
         std::runtime_error(reason), code(status)
     {}
@@ -122,15 +122,14 @@ public:
         return static_cast<std::uint64_t>(code);
     }
 
-private:
+  private:
     LoadStatus code;
 };
 
 class FileDescriptor
 {
-public:
-    explicit FileDescriptor(int fd) : fd(fd)
-    {}
+  public:
+    explicit FileDescriptor(int fd) : fd(fd) {}
     ~FileDescriptor()
     {
         if (fd >= 0)
@@ -146,7 +145,7 @@ public:
         return fd;
     }
 
-private:
+  private:
     int fd;
 };
 
@@ -173,7 +172,7 @@ struct FileIdentity
 // as they pass, so a parse tells which file it read without a second read.
 class FileBuffer : public std::streambuf
 {
-public:
+  public:
     explicit FileBuffer(const std::string& path) :
         file(::open(path.c_str(), O_RDONLY | O_CLOEXEC)), seen{path}
     {
@@ -207,7 +206,7 @@ public:
         }
     }
 
-protected:
+  protected:
     int_type underflow() override
     {
         ssize_t n = 0;
@@ -223,15 +222,15 @@ protected:
         for (const char c :
              std::string_view(chunk.data(), static_cast<std::size_t>(n)))
         {
-            seen.hash =
-                (seen.hash ^ static_cast<unsigned char>(c)) * 1099511628211ULL;
+            seen.hash = (seen.hash ^ static_cast<unsigned char>(c)) *
+                        1099511628211ULL;
         }
         seen.size += static_cast<std::uint64_t>(n);
         setg(chunk.data(), chunk.data(), chunk.data() + n);
         return traits_type::to_int_type(chunk.front());
     }
 
-private:
+  private:
     FileDescriptor file;
     FileIdentity seen;
     std::array<char, 16384> chunk{};
@@ -279,9 +278,8 @@ using EntryMembers = std::map<std::string, MemberValue, std::less<>>;
 template <typename Record>
 class EntryParser
 {
-public:
-    explicit EntryParser(std::string where) : where(std::move(where))
-    {}
+  public:
+    explicit EntryParser(std::string where) : where(std::move(where)) {}
 
     std::pair<std::string, Record> parse(EntryMembers& members)
     {
@@ -296,7 +294,7 @@ public:
         return {std::move(*key), Record(std::move(fqdd), values)};
     }
 
-private:
+  private:
     void take(const std::string& name, MemberValue& value)
     {
         if (name == "key" || name == "fqdd")
@@ -353,9 +351,8 @@ struct TableOutcome
 template <typename Record>
 class TableCollector
 {
-public:
-    explicit TableCollector(const char* name) : tableName(name)
-    {}
+  public:
+    explicit TableCollector(const char* name) : tableName(name) {}
 
     const std::string& name() const
     {
@@ -396,8 +393,8 @@ public:
     // An entry that is not an object comes with no members.
     void takeEntry(EntryMembers* members)
     {
-        const std::string where =
-            tableName + " entry " + std::to_string(entryCount++);
+        const std::string where = tableName + " entry " +
+                                  std::to_string(entryCount++);
         if (firstBadEntry)
         {
             return;
@@ -410,8 +407,8 @@ public:
                                 where + " is not an object");
             }
             auto [key, record] = EntryParser<Record>(where).parse(*members);
-            const auto [slot, added] =
-                loaded.try_emplace(std::move(key), std::move(record));
+            const auto [slot, added] = loaded.try_emplace(std::move(key),
+                                                          std::move(record));
             if (!added)
             {
                 throw LoadError(LoadStatus::badKey, where +
@@ -465,7 +462,7 @@ public:
         return outcome;
     }
 
-private:
+  private:
     std::string tableName;
     bool present = false;
     bool notObject = false;
@@ -493,7 +490,7 @@ struct BothTables
 // "entries" array, 4 an entry.
 class TablesReader : public nlohmann::json_sax<Json>
 {
-public:
+  public:
     BothTables read(const std::string& path)
     {
         try
@@ -568,7 +565,7 @@ public:
         return false;
     }
 
-private:
+  private:
     enum class Table
     {
         none,
@@ -601,7 +598,7 @@ private:
         {
             table = name == sasSata.name() ? Table::sasSata
                     : name == nvme.name()  ? Table::nvme
-                                         : Table::none;
+                                           : Table::none;
         }
         else if (level == 2)
         {
@@ -755,13 +752,13 @@ struct PendingTables
 PendingTables pending;
 
 std::optional<TableOutcome<smartdatasassata_gen>>&
-pendingSlot(const smartdatasassata_gen* /*tag*/)
+    pendingSlot(const smartdatasassata_gen* /*tag*/)
 {
     return pending.sasSata;
 }
 
 std::optional<TableOutcome<smartdatanvme_gen>>&
-pendingSlot(const smartdatanvme_gen* /*tag*/)
+    pendingSlot(const smartdatanvme_gen* /*tag*/)
 {
     return pending.nvme;
 }
@@ -843,7 +840,7 @@ std::uint64_t loadTable(std::map<std::string, Record>& map) noexcept
 smartdatasassata_gen::~smartdatasassata_gen() = default;
 
 std::span<const std::string_view, smartdatasassata_gen::fieldCount>
-smartdatasassata_gen::fieldNames()
+    smartdatasassata_gen::fieldNames()
 {
     return sasSataNames;
 }
@@ -851,7 +848,7 @@ smartdatasassata_gen::fieldNames()
 smartdatanvme_gen::~smartdatanvme_gen() = default;
 
 std::span<const std::string_view, smartdatanvme_gen::fieldCount>
-smartdatanvme_gen::fieldNames()
+    smartdatanvme_gen::fieldNames()
 {
     return nvmeNames;
 }
@@ -860,13 +857,13 @@ namespace DataAbstraction
 {
 
 std::uint64_t
-smartdatasassata::get_map(std::map<std::string, smartdatasassata_gen>& map)
+    smartdatasassata::get_map(std::map<std::string, smartdatasassata_gen>& map)
 {
     return loadTable(map);
 }
 
 std::uint64_t
-smartdatanvme::get_map(std::map<std::string, smartdatanvme_gen>& map)
+    smartdatanvme::get_map(std::map<std::string, smartdatanvme_gen>& map)
 {
     return loadTable(map);
 }

@@ -17,7 +17,7 @@ namespace smartdata
 template <typename Field>
 class Entry
 {
-public:
+  public:
     static constexpr std::size_t fieldCount =
         static_cast<std::size_t>(Field::count);
     using Values = std::array<std::uint64_t, fieldCount>;
@@ -37,13 +37,13 @@ public:
         return fqddText;
     }
 
-protected:
+  protected:
     std::uint64_t get(Field field) const
     {
         return fieldValues[static_cast<std::size_t>(field)];
     }
 
-private:
+  private:
     std::string fqddText;
     Values fieldValues{};
 };
@@ -155,7 +155,7 @@ enum class LoadStatus : std::uint64_t
 // One SAS/SATA drive of the shared table.
 class smartdatasassata_gen : public smartdata::Entry<smartdata::SasSataField>
 {
-public:
+  public:
     using Field = smartdata::SasSataField;
     using Entry::Entry;
     ~smartdatasassata_gen() override;
@@ -265,7 +265,7 @@ public:
 // two 64-bit halves.
 class smartdatanvme_gen : public smartdata::Entry<smartdata::NvmeField>
 {
-public:
+  public:
     using Field = smartdata::NvmeField;
     using Entry::Entry;
     ~smartdatanvme_gen() override;

@@ -39,7 +39,8 @@ void raiseRequestedSignal()
     const std::string_view number = requested != nullptr ? requested : "";
     int signal = 0;
     if (!number.empty() &&
-        std::from_chars(number.data(), number.data() + number.size(), signal).ec == std::errc())
+        std::from_chars(number.data(), number.data() + number.size(), signal)
+                .ec == std::errc())
     {
         // A hook of the tests: a signal it cannot raise shows there.
         static_cast<void>(::raise(signal));

@@ -208,8 +208,8 @@ std::set<std::string> readSubTreePaths(sdbusplus::message_t& reply)
 
 // Asks the mapper; the call and reply messages are released on return.
 std::set<std::string>
-querySubTreePaths(const std::string& path, int32_t depth,
-                  const std::list<std::string>& interfaces)
+    querySubTreePaths(const std::string& path, int32_t depth,
+                      const std::list<std::string>& interfaces)
 {
     auto& bus = getDefaultBus();
     auto reply = callUninterrupted(bus, [&] {
@@ -224,8 +224,8 @@ querySubTreePaths(const std::string& path, int32_t depth,
 } // namespace
 
 std::list<std::string>
-GetObjectsSubTree(const std::string& path, int32_t depth,
-                  const std::list<std::string>& interfaces)
+    GetObjectsSubTree(const std::string& path, int32_t depth,
+                      const std::list<std::string>& interfaces)
 {
     std::list<std::string> objectPaths;
     try
@@ -271,9 +271,9 @@ int GetAll_DbusPropertyBasicVariant(const std::string& service,
     {
         auto& bus = getDefaultBus();
         auto reply = callUninterrupted(bus, [&] {
-            auto method =
-                bus.new_method_call(service.c_str(), objectPath.c_str(),
-                                    propertiesInterface, "GetAll");
+            auto method = bus.new_method_call(service.c_str(),
+                                              objectPath.c_str(),
+                                              propertiesInterface, "GetAll");
             method.append(interface);
             return method;
         });

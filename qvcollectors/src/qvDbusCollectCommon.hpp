@@ -74,8 +74,8 @@ sdbusplus::message_t callUninterrupted(sdbusplus::bus_t& bus,
 // Object paths below `path` implementing one of `interfaces`, in byte order.
 // Empty on every D-Bus failure.
 std::list<std::string>
-GetObjectsSubTree(const std::string& path, int32_t depth,
-                  const std::list<std::string>& interfaces);
+    GetObjectsSubTree(const std::string& path, int32_t depth,
+                      const std::list<std::string>& interfaces);
 
 // Number of inventory objects of a kind; 0 when none or the query failed.
 int getStorageObjCount(uint32_t objType);

@@ -225,8 +225,8 @@ void hexdump(const uint8_t* buffer, int length, std::ofstream& stream)
         return;
     }
     // One write per line: standard error is unbuffered.
-    const std::string lengthLine =
-        "Buf len is [" + std::to_string(length) + "]\n";
+    const std::string lengthLine = "Buf len is [" + std::to_string(length) +
+                                   "]\n";
     std::cerr.write(lengthLine.data(),
                     static_cast<std::streamsize>(lengthLine.size()));
     std::cerr.flush();
@@ -605,9 +605,8 @@ void logCallFailure(const char* function,
 sdbusplus::message_t newStorageCall(sdbusplus::bus_t& bus, const char* member,
                                     const std::string& fqdd)
 {
-    auto call =
-        bus.new_method_call(storageService, driveServicePath,
-                            driveServiceInterface, member);
+    auto call = bus.new_method_call(storageService, driveServicePath,
+                                    driveServiceInterface, member);
     call.append(fqdd);
     return call;
 }
@@ -971,7 +970,7 @@ enum class CannotWriteText
 // itself is locked, so no lock file is left behind.
 class ReportDirectoryLock
 {
-public:
+  public:
     ReportDirectoryLock() = default;
     ReportDirectoryLock(const ReportDirectoryLock&) = delete;
     ReportDirectoryLock& operator=(const ReportDirectoryLock&) = delete;
@@ -1012,7 +1011,7 @@ public:
         }
     }
 
-private:
+  private:
     int fd = -1;
 };
 
@@ -1041,9 +1040,8 @@ bool isRegularReportFile(const std::string& path)
 // that decide every separator.
 class CollectionRun
 {
-public:
-    explicit CollectionRun(int mode) : mode(mode)
-    {}
+  public:
+    explicit CollectionRun(int mode) : mode(mode) {}
 
     void collect()
     {
@@ -1059,7 +1057,7 @@ public:
         return openFailure;
     }
 
-private:
+  private:
     int mode;
     // Declared before the streams: released only after both are closed.
     ReportDirectoryLock reportLock;
@@ -1329,8 +1327,8 @@ void CollectionRun::writePageGroups(HardDriveKind kind)
     for (size_t slot = 0; slot < heads.size(); ++slot)
     {
         const SmartLogPage page = record.logPages[slot];
-        const size_t shown =
-            std::min<size_t>(page.pageLength, smartLogPageSize);
+        const size_t shown = std::min<size_t>(page.pageLength,
+                                              smartLogPageSize);
         if (shown == 0)
         {
             continue;

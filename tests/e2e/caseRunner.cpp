@@ -5,7 +5,6 @@
 // the case format.
 #include "testSupport.hpp"
 
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <nlohmann/json.hpp>
@@ -21,6 +20,8 @@
 #include <optional>
 #include <regex>
 #include <sstream>
+
+#include <gtest/gtest.h>
 
 namespace
 {
@@ -172,8 +173,8 @@ std::string localDate(const std::optional<std::string>& zone)
     std::tm local{};
     localtime_r(&now, &local);
     std::array<char, 16> text{};
-    const std::size_t length =
-        std::strftime(text.data(), text.size(), "%Y%m%d", &local);
+    const std::size_t length = std::strftime(text.data(), text.size(), "%Y%m%d",
+                                             &local);
     if (saved != nullptr)
     {
         setenv("TZ", before.c_str(), 1);
@@ -197,7 +198,7 @@ std::string recordOf(const std::string& line)
 
 class CaseRun
 {
-public:
+  public:
     explicit CaseRun(const json& c) : c(c)
     {
         seed(testsupport::smartLogsPath, earlierLogs);
@@ -326,7 +327,7 @@ public:
         }
     }
 
-private:
+  private:
     const json& c;
     Sandbox sandbox;
     std::map<std::string, std::string> seeded;
@@ -508,8 +509,8 @@ private:
             EXPECT_EQ(text, substituted(textOf(want), placeholders())) << what;
             return;
         }
-        std::string head =
-            substituted(textOf(want.value("head", "")), placeholders());
+        std::string head = substituted(textOf(want.value("head", "")),
+                                       placeholders());
         std::string tail = textOf(want.value("tail", ""));
         EXPECT_EQ(text.substr(0, head.size()), head) << what;
         EXPECT_EQ(text.substr(text.size() - std::min(text.size(), tail.size())),
@@ -555,9 +556,9 @@ TEST_P(Case, Runs)
     run.checkReader();
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    , Case, ::testing::ValuesIn(allCases()), [](const auto& info) {
-        return info.param.c.at("name").template get<std::string>();
-    });
+INSTANTIATE_TEST_SUITE_P(, Case, ::testing::ValuesIn(allCases()),
+                         [](const auto& info) {
+    return info.param.c.at("name").template get<std::string>();
+});
 
 } // namespace

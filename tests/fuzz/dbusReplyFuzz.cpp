@@ -113,9 +113,8 @@ constexpr int maxVariantDepth = 6;
 
 class ReplyWriter
 {
-public:
-    ReplyWriter(sd_bus_message* m, FuzzInput& in) : m(m), in(in)
-    {}
+  public:
+    ReplyWriter(sd_bus_message* m, FuzzInput& in) : m(m), in(in) {}
 
     // False when sd-bus refuses a value (bad UTF-8, a bad object path, too
     // deep): such a reply never reaches the collector.
@@ -133,7 +132,7 @@ public:
         return true;
     }
 
-private:
+  private:
     bool appendValue(std::string_view type, int depth)
     {
         switch (type[0])

@@ -12,9 +12,8 @@ namespace fuzzing
 // reads as zero, so any input drives the target to the end.
 class FuzzInput
 {
-public:
-    FuzzInput(const uint8_t* data, size_t size) : rest(data, size)
-    {}
+  public:
+    FuzzInput(const uint8_t* data, size_t size) : rest(data, size) {}
 
     uint8_t byte()
     {
@@ -58,7 +57,7 @@ public:
         return rest;
     }
 
-private:
+  private:
     std::span<const uint8_t> rest;
 };
 

@@ -34,7 +34,7 @@ std::string scratchRoot()
 // The tables file of this process, removed with its directory at exit.
 class TablesFile
 {
-public:
+  public:
     TablesFile()
     {
         std::string pattern = scratchRoot() + "/smart-tables-fuzz.XXXXXX";
@@ -67,7 +67,7 @@ public:
         }
     }
 
-private:
+  private:
     std::string directory;
     std::string path;
 };
@@ -109,8 +109,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const uint64_t sasSataStatus =
         DataAbstraction::smartdatasassata::get_map(sasSata);
     const uint64_t nvmeStatus = DataAbstraction::smartdatanvme::get_map(nvme);
-    volatile uint64_t sink =
-        sasSataStatus + nvmeStatus + touchAll(sasSata) + touchAll(nvme);
+    volatile uint64_t sink = sasSataStatus + nvmeStatus + touchAll(sasSata) +
+                             touchAll(nvme);
     static_cast<void>(sink);
     return 0;
 }

@@ -1,7 +1,6 @@
 #include "qvDbusCollectCommon.hpp"
 #include "testSupport.hpp"
 
-#include <gtest/gtest.h>
 #include <systemd/sd-bus.h>
 
 #include <sdbusplus/bus.hpp>
@@ -27,6 +26,8 @@
 #include <utility>
 #include <variant>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 namespace
 {
@@ -111,7 +112,7 @@ auto put(auto... args)
 
 class SdbusplusTest : public ::testing::Test
 {
-protected:
+  protected:
     static void SetUpTestSuite()
     {
         daemon = std::make_unique<testsupport::PrivateBus>();
@@ -127,8 +128,8 @@ protected:
             }
         }
         server = serve();
-        client = std::make_unique<sdbusplus::bus_t>(
-            sdbusplus::bus::new_system());
+        client =
+            std::make_unique<sdbusplus::bus_t>(sdbusplus::bus::new_system());
         serving = std::jthread([](const std::stop_token& stop) {
             while (!stop.stop_requested() &&
                    sd_bus_process(server.get(), nullptr) >= 0)
@@ -275,7 +276,8 @@ TEST_F(SdbusplusTest, ReadOfWrongTypeNamesCallAndReader)
     auto none = [](sd_bus_message*) { return 0; };
     const char* basic = "sd_bus_message_read_basic fundamental";
     const char* string = "sd_bus_message_read_basic string";
-    const char* sequence = "sd_bus_message_enter_container emplace_back_container";
+    const char* sequence =
+        "sd_bus_message_enter_container emplace_back_container";
     const char* tuple = "sd_bus_message_enter_container tuple";
     const char* dictionary = "sd_bus_message_enter_container emplace_container";
     const std::vector<WrongTypeCase> table = {
@@ -357,8 +359,9 @@ TEST_F(SdbusplusTest, FailedCallThrowsNamedError)
     for (const auto& c : table)
     {
         auto m = callTo(*client, c.method, c.destination);
-        auto error = failureOf(
-            [&] { c.noReply ? client->call_noreply(m) : (void)client->call(m); });
+        auto error = failureOf([&] {
+            c.noReply ? client->call_noreply(m) : (void)client->call(m);
+        });
         EXPECT_EQ(error.what(), c.expectedWhat);
     }
 }

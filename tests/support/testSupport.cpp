@@ -301,9 +301,9 @@ void Sandbox::readOnly(const std::string& inside)
 
 void Sandbox::smallDisk(const std::string& inside, size_t bytes)
 {
-    static const bool privateMounts =
-        unshare(CLONE_NEWNS) == 0 &&
-        mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+    static const bool privateMounts = unshare(CLONE_NEWNS) == 0 &&
+                                      mount("none", "/", nullptr,
+                                            MS_REC | MS_PRIVATE, nullptr) == 0;
     std::string at = hostPath(inside);
     fs::create_directories(at);
     std::string size = "size=" + std::to_string(bytes);
@@ -350,7 +350,7 @@ std::vector<std::string> Sandbox::confine(const std::vector<std::string>& argv,
 }
 
 std::vector<std::string>
-Sandbox::collectorCommand(const std::vector<std::string>& args) const
+    Sandbox::collectorCommand(const std::vector<std::string>& args) const
 {
     const char* chosen = std::getenv("QV_COLLECTOR");
     std::vector<std::string> argv{

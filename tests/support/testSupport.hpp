@@ -20,7 +20,7 @@ inline constexpr const char* dailyDir = "/mmc2/mas032/smartlogs/";
 // A fresh directory under $TMPDIR (or /tmp), removed with its content.
 class TempDir
 {
-public:
+  public:
     TempDir();
     ~TempDir();
     TempDir(const TempDir&) = delete;
@@ -34,7 +34,7 @@ public:
     std::string write(const std::string& name,
                       const std::string& content) const;
 
-private:
+  private:
     std::string dirPath;
 };
 
@@ -74,7 +74,7 @@ RunResult runProgram(const std::vector<std::string>& argv,
 // when the object goes away.
 class ChildProcess
 {
-public:
+  public:
     explicit ChildProcess(const std::vector<std::string>& argv,
                           const EnvChanges& env = {});
     ~ChildProcess();
@@ -84,7 +84,7 @@ public:
     // The first line of standard output; throws when there is none.
     std::string firstLine() const;
 
-private:
+  private:
     pid_t pid = -1;
     int outFd = -1;
 };
@@ -93,7 +93,7 @@ private:
 // bus on which anyone may own any name and call anything.
 class PrivateBus
 {
-public:
+  public:
     PrivateBus();
 
     const std::string& address() const
@@ -103,7 +103,7 @@ public:
     // Makes libsystemd's default and system buses this one, for children.
     EnvChanges environment() const;
 
-private:
+  private:
     TempDir dir;
     ChildProcess daemon;
     std::string busAddress;
@@ -113,10 +113,10 @@ private:
 // constructor returns once it owns its names.
 class Simulator
 {
-public:
+  public:
     Simulator(const std::string& scenarioFile, const PrivateBus& bus);
 
-private:
+  private:
     ChildProcess process;
 };
 
@@ -126,7 +126,7 @@ private:
 // in a temporary directory. The log goes to dlog.log in the directory.
 class Sandbox
 {
-public:
+  public:
     Sandbox();
     ~Sandbox();
     Sandbox(const Sandbox&) = delete;
@@ -150,14 +150,14 @@ public:
     // The collector's command line, under QV_COLLECTOR_WRAPPER when set, and
     // its environment: `bus`, the tables file, the log file.
     std::vector<std::string>
-    collectorCommand(const std::vector<std::string>& args) const;
+        collectorCommand(const std::vector<std::string>& args) const;
     EnvChanges collectorEnvironment(const PrivateBus& bus,
                                     const std::string& tablesFile) const;
     RunResult run(const std::vector<std::string>& args, const PrivateBus& bus,
                   const std::string& tablesFile,
                   const EnvChanges& extra = {}) const;
 
-private:
+  private:
     TempDir scratch;
     std::vector<std::string> readOnlyDirs;
     std::vector<std::string> mounts;

@@ -117,7 +117,7 @@ std::optional<std::uint64_t> statistic(const std::vector<unsigned>& page,
 
 // Value of a log parameter of a SAS log page (big-endian), by code.
 std::optional<std::vector<unsigned>>
-logParameter(const std::vector<unsigned>& page, unsigned code)
+    logParameter(const std::vector<unsigned>& page, unsigned code)
 {
     for (size_t at = 4; at + 4 <= page.size();)
     {
@@ -211,8 +211,8 @@ void sasPage(DriveHealth& health, std::string_view name,
     else if (name == "backGrndScanResult")
     {
         auto minutes = bigEndian(logParameter(page, 0), 0, 4);
-        health.powerOnHours =
-            figure(minutes ? std::optional(*minutes / 60) : std::nullopt);
+        health.powerOnHours = figure(minutes ? std::optional(*minutes / 60)
+                                             : std::nullopt);
     }
 }
 
@@ -295,8 +295,8 @@ std::vector<std::string> criticalWarningNames(std::uint64_t bits)
 
 std::string_view figureName(Figure DriveHealth::*figure)
 {
-    const auto* column =
-        std::ranges::find(figureColumns, figure, &FigureColumn::figure);
+    const auto* column = std::ranges::find(figureColumns, figure,
+                                           &FigureColumn::figure);
     return column->name;
 }
 

@@ -228,9 +228,10 @@ History HistoryBuilder::build()
         drive.assessment = historyAssessment(drive);
         followed.push_back(std::move(drive));
     }
-    std::ranges::stable_sort(
-        followed, std::greater{},
-        [](const DriveHistory& drive) { return drive.assessment.verdict; });
+    std::ranges::stable_sort(followed, std::greater{},
+                             [](const DriveHistory& drive) {
+        return drive.assessment.verdict;
+    });
     return {std::move(followed), first, last};
 }
 

@@ -92,14 +92,14 @@ struct History
 
 class HistoryBuilder
 {
-public:
+  public:
     // Every drive of one report document, on its day.
     void add(Day day, const Document& document);
 
     // Moves the days read into the history: the builder is empty after.
     History build();
 
-private:
+  private:
     std::map<std::string, std::map<Day, DriveHealth>> timeline;
     std::optional<Day> first;
     std::optional<Day> last;

@@ -82,17 +82,17 @@ struct Plot
 const std::array<Plot, 3>& plots()
 {
     static const std::array<Plot, 3> all = {
-    Plot{"temperature (°C)",
-         {{"temp_c", "#d84315", &DriveHealth::temperatureC}}},
-    Plot{"life",
-         {{"life_remaining %", "#2e7d32", &DriveHealth::lifeRemaining},
-          {"percent_used %", "#6a1b9a", &DriveHealth::percentUsed}}},
-    Plot{"error counters",
-         {{"media_errors", "#c62828", &DriveHealth::mediaErrors},
-          {"reallocated", "#1565c0", &DriveHealth::reallocated},
-          {"pending", "#ef8f00", &DriveHealth::pending},
-          {"command_timeouts", "#00838f", &DriveHealth::commandTimeouts},
-          {"crc_errors", "#757575", &DriveHealth::crcErrors}}},
+        Plot{"temperature (°C)",
+             {{"temp_c", "#d84315", &DriveHealth::temperatureC}}},
+        Plot{"life",
+             {{"life_remaining %", "#2e7d32", &DriveHealth::lifeRemaining},
+              {"percent_used %", "#6a1b9a", &DriveHealth::percentUsed}}},
+        Plot{"error counters",
+             {{"media_errors", "#c62828", &DriveHealth::mediaErrors},
+              {"reallocated", "#1565c0", &DriveHealth::reallocated},
+              {"pending", "#ef8f00", &DriveHealth::pending},
+              {"command_timeouts", "#00838f", &DriveHealth::commandTimeouts},
+              {"crc_errors", "#757575", &DriveHealth::crcErrors}}},
     };
     return all;
 }

@@ -186,13 +186,13 @@ void writeMetrics(std::ostream& out, const History& history, bool stamped)
     for (const auto* drive : drives)
     {
         // The last day's verdict is the history's own.
-        auto verdicts =
-            stamped ? dailyVerdicts(*drive) : std::vector<Verdict>{};
+        auto verdicts = stamped ? dailyVerdicts(*drive)
+                                : std::vector<Verdict>{};
         writeSeries(
             out, verdictName, driveLabels(*drive, ""), *drive,
             [&](size_t i) {
-                return std::optional<std::int64_t>(static_cast<std::int64_t>(
-                    stamped ? verdicts[i] : drive->assessment.verdict));
+            return std::optional<std::int64_t>(static_cast<std::int64_t>(
+                stamped ? verdicts[i] : drive->assessment.verdict));
             },
             stamped);
     }

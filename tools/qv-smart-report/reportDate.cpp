@@ -64,10 +64,9 @@ std::string dayText(Day day)
 {
     std::chrono::year_month_day date(day);
     std::array<char, 16> text{};
-    const int length =
-        std::snprintf(text.data(), text.size(), "%04d-%02u-%02u",
-                      int(date.year()), unsigned(date.month()),
-                      unsigned(date.day()));
+    const int length = std::snprintf(text.data(), text.size(), "%04d-%02u-%02u",
+                                     int(date.year()), unsigned(date.month()),
+                                     unsigned(date.day()));
     return length > 0 ? text.data() : "";
 }
 

@@ -33,7 +33,7 @@ struct NeedMore
 // read of the file so far; `complete` says nothing more follows.
 class DocumentParser
 {
-public:
+  public:
     DocumentParser(std::string_view text, int line, bool complete) :
         text(text), line(line), complete(complete)
     {}
@@ -73,7 +73,7 @@ public:
         return line;
     }
 
-private:
+  private:
     std::string_view text;
     size_t pos = 0;
     int line;

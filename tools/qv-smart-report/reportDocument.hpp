@@ -51,9 +51,8 @@ inline constexpr int maxGroupDepth = 16;
 // break) the reader names it and goes on at the next document's start.
 class ReportReader
 {
-public:
-    explicit ReportReader(std::istream& in) : in(in)
-    {}
+  public:
+    explicit ReportReader(std::istream& in) : in(in) {}
 
     // The next complete document; nothing at the end of the input. The
     // problems met on the way are in problems() until the next call.
@@ -64,7 +63,7 @@ public:
         return found;
     }
 
-private:
+  private:
     std::istream& in;
     std::string buffer;
     size_t start = 0; // first unread octet of `buffer`

@@ -267,11 +267,11 @@ CLI::Option* addDay(CLI::App& app, const std::string& name,
     return app.add_option_function<std::string>(
         name,
         [&day, name](const std::string& text) {
-            day = parseDay(text);
-            if (!day)
-            {
-                throw CLI::ValidationError(name, "not a day: " + text);
-            }
+        day = parseDay(text);
+        if (!day)
+        {
+            throw CLI::ValidationError(name, "not a day: " + text);
+        }
         },
         help);
 }

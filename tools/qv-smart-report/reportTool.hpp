@@ -32,12 +32,12 @@ std::string csvCell(const std::string& text);
 // cell; the last one is not padded.
 class TextTable
 {
-public:
+  public:
     explicit TextTable(std::vector<std::string> heading);
     void add(std::vector<std::string> row);
     void print(std::ostream& out) const;
 
-private:
+  private:
     std::vector<std::vector<std::string>> rows;
 };
 

@@ -24,8 +24,8 @@ std::string compared(Figure DriveHealth::*member, std::int64_t value,
 
 void temperatureReason(const DriveHealth& drive, std::vector<Reason>& found)
 {
-    auto hot =
-        drive.driveClass.ends_with("HDD") ? hardDriveHotC : solidStateHotC;
+    auto hot = drive.driveClass.ends_with("HDD") ? hardDriveHotC
+                                                 : solidStateHotC;
     if (drive.temperatureC && *drive.temperatureC >= hot)
     {
         found.push_back({Verdict::warning, "temp_c",

@@ -19,7 +19,7 @@ using Json = nlohmann::ordered_json;
 // A value that does not fit its D-Bus type, or a malformed signature.
 class EncodeError : public std::runtime_error
 {
-public:
+  public:
     using std::runtime_error::runtime_error;
 };
 

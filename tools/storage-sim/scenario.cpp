@@ -28,7 +28,7 @@ const std::initializer_list<std::string_view> faultMembers = {
 // can name the member at fault.
 class Node
 {
-public:
+  public:
     Node(const Json& value, std::string where) :
         value(value), where(std::move(where))
     {}
@@ -146,7 +146,7 @@ public:
         return has(key) ? member(key).text() : fallback;
     }
 
-private:
+  private:
     const Json& value;
     std::string where;
 };
@@ -429,8 +429,7 @@ Interface parseInterface(const Node& node, const std::string& name)
 {
     node.requireObject();
     Interface interface {
-        name,
-        {}
+        name, {}
     };
     for (const auto& [property, item] : node.json().items())
     {
@@ -509,9 +508,10 @@ void parseNames(const Node& node, Scenario& scenario)
 
 const Interface* InventoryObject::findInterface(const std::string& name) const
 {
-    auto found = std::find_if(
-        interfaces.begin(), interfaces.end(),
-        [&name](const Interface& interface) { return interface.name == name; });
+    auto found = std::find_if(interfaces.begin(), interfaces.end(),
+                              [&name](const Interface& interface) {
+        return interface.name == name;
+    });
     return found == interfaces.end() ? nullptr : &*found;
 }
 

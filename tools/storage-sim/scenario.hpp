@@ -31,7 +31,7 @@ inline constexpr std::size_t sasPageCount = 7;
 // A scenario file that cannot be served; the text names the member.
 class ScenarioError : public std::runtime_error
 {
-public:
+  public:
     using std::runtime_error::runtime_error;
 };
 

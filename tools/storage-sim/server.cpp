@@ -88,11 +88,10 @@ bool inSubTree(const std::string& path, std::string root, int32_t depth)
 bool implementsAny(const InventoryObject& object,
                    const std::vector<std::string>& filter)
 {
-    return filter.empty() ||
-           std::any_of(filter.begin(), filter.end(),
-                       [&object](const std::string& name) {
-                           return object.findInterface(name) != nullptr;
-                       });
+    return filter.empty() || std::any_of(filter.begin(), filter.end(),
+                                         [&object](const std::string& name) {
+        return object.findInterface(name) != nullptr;
+           });
 }
 
 void appendStatus(sd_bus_message* reply, const StatusPair& status)
@@ -332,8 +331,8 @@ Server::SubTree Server::subTree(const std::string& root, int32_t depth,
         }
         auto found = std::find_if(tree.begin(), tree.end(),
                                   [&object](const auto& entry) {
-                                      return entry.first == object.path;
-                                  });
+            return entry.first == object.path;
+        });
         if (found == tree.end())
         {
             tree.emplace_back(object.path,
@@ -468,11 +467,11 @@ void Server::respond(sd_bus_message* call, const Fault& faultOfHandler,
                      const Outcome& normal)
 {
     static const Fault none;
-    const Fault& fault =
-        faultOfHandler.fromCall > 1 &&
-                ++callsMet[&faultOfHandler] < faultOfHandler.fromCall
-            ? none
-            : faultOfHandler;
+    const Fault& fault = faultOfHandler.fromCall > 1 &&
+                                 ++callsMet[&faultOfHandler] <
+                                     faultOfHandler.fromCall
+                             ? none
+                             : faultOfHandler;
     signalCaller(call, fault);
     if (fault.noReply || sd_bus_message_get_expect_reply(call) <= 0)
     {
@@ -627,9 +626,8 @@ void Server::checkScenario() const
                 checkEncodes(where + ".interfaces." + interface.name + "." +
                                  property.name,
                              [&property](sd_bus_message* message) {
-                                 appendValue(message, property.signature,
-                                             property.value);
-                             });
+                    appendValue(message, property.signature, property.value);
+                });
             }
         }
         checkFault(where + ".getAll", object.getAll);

@@ -21,7 +21,7 @@ namespace storagesim
 // objects' properties and the storage service's SMART methods.
 class Server
 {
-public:
+  public:
     // Connects to the system bus; names are taken only by start().
     explicit Server(Scenario scenario);
     ~Server();
@@ -39,7 +39,7 @@ public:
     // returns the exit code.
     int run();
 
-private:
+  private:
     using BodyWriter = std::function<void(sd_bus_message*)>;
     using Outcome = std::variant<DbusError, BodyWriter>;
     using SubTree = std::vector<

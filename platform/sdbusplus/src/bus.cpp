@@ -3,11 +3,9 @@
 namespace sdbusplus::bus
 {
 
-bus::bus(sd_bus* b) : handle(sd_bus_ref(b))
-{}
+bus::bus(sd_bus* b) : handle(sd_bus_ref(b)) {}
 
-bus::bus(sd_bus* b, std::false_type /*adopt*/) : handle(b)
-{}
+bus::bus(sd_bus* b, std::false_type /*adopt*/) : handle(b) {}
 
 message_t bus::new_method_call(const char* service, const char* objpath,
                                const char* interf, const char* method)

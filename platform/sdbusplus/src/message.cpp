@@ -3,8 +3,7 @@
 namespace sdbusplus::message
 {
 
-message::message(sd_bus_message* m) : msg(sd_bus_message_ref(m))
-{}
+message::message(sd_bus_message* m) : msg(sd_bus_message_ref(m)) {}
 
 message::message(sd_bus_message* m, std::false_type /*adopt*/) noexcept : msg(m)
 {}

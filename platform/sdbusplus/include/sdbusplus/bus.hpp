@@ -45,7 +45,7 @@ struct bus
     std::string get_unique_name();
     void request_name(const char* service);
 
-protected:
+  protected:
     // Protected, as in the library this stands in for: code written against
     // this surface must not reach the raw connection.
     sd_bus* get() const noexcept
@@ -53,7 +53,7 @@ protected:
         return handle.get();
     }
 
-private:
+  private:
     struct Unref
     {
         void operator()(sd_bus* b) const noexcept

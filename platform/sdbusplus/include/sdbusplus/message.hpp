@@ -20,7 +20,7 @@ namespace message
 // Owns one reference to an sd-bus message.
 class message
 {
-public:
+  public:
     // An empty handle, false when tested.
     message() = default;
     // Takes a new reference to `m`.
@@ -99,7 +99,7 @@ public:
         return msg.release();
     }
 
-private:
+  private:
     struct Unref
     {
         void operator()(sd_bus_message* m) const noexcept

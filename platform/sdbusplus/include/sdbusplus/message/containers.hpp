@@ -195,10 +195,10 @@ struct Traits<std::variant<Ts...>>
     {
         std::visit(
             [m](const auto& held) {
-                using Held = std::remove_cvref_t<decltype(held)>;
-                openContainer(m, 'v', Traits<Held>::sig.c_str());
-                Traits<Held>::append(m, held);
-                closeContainer(m);
+            using Held = std::remove_cvref_t<decltype(held)>;
+            openContainer(m, 'v', Traits<Held>::sig.c_str());
+            Traits<Held>::append(m, held);
+            closeContainer(m);
             },
             value);
     }

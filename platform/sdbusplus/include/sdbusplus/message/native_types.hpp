@@ -17,10 +17,8 @@ struct StringWrapper
     std::string str;
 
     StringWrapper() = default;
-    StringWrapper(std::string value) : str(std::move(value))
-    {}
-    StringWrapper(const char* value) : str(value != nullptr ? value : "")
-    {}
+    StringWrapper(std::string value) : str(std::move(value)) {}
+    StringWrapper(const char* value) : str(value != nullptr ? value : "") {}
 
     operator const std::string&() const noexcept
     {
