@@ -14,7 +14,10 @@ S = "${WORKDIR}/git"
 
 inherit meson pkgconfig systemd
 
-EXTRA_OEMESON = "-Dtests=disabled -Dsystemd-units=enabled -Db_lto=true"
+# Every platform library and sdbusplus from the SDK: a missing one fails the
+# configuration instead of building a stand-in into the image.
+EXTRA_OEMESON = "-Dplatform-stand-ins=disabled -Dtests=disabled \
+    -Dsystemd-units=enabled -Db_lto=true"
 
 SYSTEMD_PACKAGES = "${PN}"
 # Only the timer is enabled; it starts the service, which has no [Install].
