@@ -8,7 +8,9 @@
 #include <array>
 #include <ctime>
 #include <filesystem>
+#include <string_view>
 #include <tuple>
+#include <variant>
 
 namespace qvreport
 {
@@ -16,6 +18,16 @@ namespace fs = std::filesystem;
 
 namespace
 {
+
+Day localDay(std::time_t time)
+{
+    std::tm local{};
+    localtime_r(&time, &local);
+    return Day(std::chrono::year_month_day(
+        std::chrono::year(local.tm_year + 1900),
+        std::chrono::month(unsigned(local.tm_mon + 1)),
+        std::chrono::day(unsigned(local.tm_mday))));
+}
 
 std::optional<Day> modificationDay(const fs::path& path)
 {
@@ -25,22 +37,67 @@ std::optional<Day> modificationDay(const fs::path& path)
     {
         return std::nullopt;
     }
-    std::tm local{};
-    localtime_r(&status.st_mtime, &local);
-    return Day(std::chrono::year_month_day(
-        std::chrono::year(local.tm_year + 1900),
-        std::chrono::month(unsigned(local.tm_mon + 1)),
-        std::chrono::day(unsigned(local.tm_mday))));
+    return localDay(status.st_mtime);
 }
 
-std::optional<Day> dayOf(const fs::path& path, const Period& period)
+// Why the day in a daily report's name cannot be the day it was collected:
+// the controller's clock was wrong when it named the file. A file written a
+// day early (a run just before midnight, a file copied later) is still
+// taken. Nothing when the day is plausible.
+std::optional<std::string> wrongClock(Day named, Day written)
+{
+    constexpr Day earliest{std::chrono::year(2000) / 1 / 1};
+    constexpr std::chrono::days slack{1};
+    if (named < earliest)
+    {
+        return "dated " + dayText(named) + ", before 2000";
+    }
+    if (named > written + slack)
+    {
+        return "dated " + dayText(named) +
+               ", more than a day after the file was last written";
+    }
+    if (named > localDay(std::time(nullptr)) + slack)
+    {
+        return "dated " + dayText(named) + ", more than a day after today";
+    }
+    return std::nullopt;
+}
+
+// "SL" or "RD", eight digits, ".json": the shape of a daily report's name,
+// whether or not the digits are a calendar day.
+bool looksDaily(std::string_view name)
+{
+    constexpr std::string_view suffix = ".json";
+    return name.size() == 2 + 8 + suffix.size() &&
+           (name.starts_with("SL") || name.starts_with("RD")) &&
+           name.ends_with(suffix) &&
+           std::ranges::all_of(name.substr(2, 8),
+                               [](char c) { return c >= '0' && c <= '9'; });
+}
+
+// The day a report file stands for, or why it is set aside.
+std::variant<Day, std::string> dayOf(const fs::path& path, const Period& period)
 {
     auto name = path.filename().string();
+    auto written = modificationDay(path);
+    if (!written)
+    {
+        return std::string("cannot be read");
+    }
     if (auto dated = datedReportName(name); dated)
     {
+        if (auto wrong = wrongClock(dated->day, *written); wrong)
+        {
+            return "set aside: " + *wrong;
+        }
         return dated->day;
     }
-    return period.date ? period.date : modificationDay(path);
+    if (looksDaily(name))
+    {
+        return "set aside: no such day as " + name.substr(2, 8);
+    }
+    return period.date ? *period.date : *written;
 }
 
 bool inPeriod(Day day, const Period& period)
@@ -51,7 +108,25 @@ bool inPeriod(Day day, const Period& period)
 
 bool isReportName(const std::string& name)
 {
-    return datedReportName(name) || collectionReportName(name);
+    return datedReportName(name) || collectionReportName(name) ||
+           looksDaily(name);
+}
+
+// A directory's report files in name order, so that what is said about
+// them comes in the same order on every file system.
+std::vector<fs::path> reportFilesIn(const std::string& directory,
+                                    std::error_code& error)
+{
+    std::vector<fs::path> found;
+    for (const auto& entry : fs::directory_iterator(directory, error))
+    {
+        if (isReportName(entry.path().filename().string()))
+        {
+            found.push_back(entry.path());
+        }
+    }
+    std::ranges::sort(found);
+    return found;
 }
 
 } // namespace
@@ -63,14 +138,14 @@ std::vector<DatedFile> datedFiles(const std::vector<std::string>& paths,
     std::vector<DatedFile> files;
     auto take = [&](const fs::path& path) {
         auto day = dayOf(path, period);
-        if (!day)
+        if (const auto* why = std::get_if<std::string>(&day))
         {
-            err << path.string() << ": cannot be read\n";
+            err << path.string() << ": " << *why << '\n';
             intact = false;
         }
-        else if (inPeriod(*day, period))
+        else if (inPeriod(std::get<Day>(day), period))
         {
-            files.push_back({*day, path.string()});
+            files.push_back({std::get<Day>(day), path.string()});
         }
     };
     for (const auto& path : paths)
@@ -81,12 +156,9 @@ std::vector<DatedFile> datedFiles(const std::vector<std::string>& paths,
             take(path);
             continue;
         }
-        for (const auto& entry : fs::directory_iterator(path, error))
+        for (const auto& file : reportFilesIn(path, error))
         {
-            if (isReportName(entry.path().filename().string()))
-            {
-                take(entry.path());
-            }
+            take(file);
         }
         if (error)
         {
