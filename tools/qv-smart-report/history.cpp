@@ -44,7 +44,7 @@ std::optional<Day> modificationDay(const fs::path& path)
 // the controller's clock was wrong when it named the file. A file written a
 // day early (a run just before midnight, a file copied later) is still
 // taken. Nothing when the day is plausible.
-std::optional<std::string> wrongClock(Day named, Day written)
+std::optional<std::string> wrongClock(Day named, Day written, Day today)
 {
     constexpr Day earliest{std::chrono::year(2000) / 1 / 1};
     constexpr std::chrono::days slack{1};
@@ -57,27 +57,16 @@ std::optional<std::string> wrongClock(Day named, Day written)
         return "dated " + dayText(named) +
                ", more than a day after the file was last written";
     }
-    if (named > localDay(std::time(nullptr)) + slack)
+    if (named > today + slack)
     {
         return "dated " + dayText(named) + ", more than a day after today";
     }
     return std::nullopt;
 }
 
-// "SL" or "RD", eight digits, ".json": the shape of a daily report's name,
-// whether or not the digits are a calendar day.
-bool looksDaily(std::string_view name)
-{
-    constexpr std::string_view suffix = ".json";
-    return name.size() == 2 + 8 + suffix.size() &&
-           (name.starts_with("SL") || name.starts_with("RD")) &&
-           name.ends_with(suffix) &&
-           std::ranges::all_of(name.substr(2, 8),
-                               [](char c) { return c >= '0' && c <= '9'; });
-}
-
 // The day a report file stands for, or why it is set aside.
-std::variant<Day, std::string> dayOf(const fs::path& path, const Period& period)
+std::variant<Day, std::string> dayOf(const fs::path& path, const Period& period,
+                                     Day today)
 {
     auto name = path.filename().string();
     auto written = modificationDay(path);
@@ -87,15 +76,15 @@ std::variant<Day, std::string> dayOf(const fs::path& path, const Period& period)
     }
     if (auto dated = datedReportName(name); dated)
     {
-        if (auto wrong = wrongClock(dated->day, *written); wrong)
+        if (auto wrong = wrongClock(dated->day, *written, today); wrong)
         {
             return "set aside: " + *wrong;
         }
         return dated->day;
     }
-    if (looksDaily(name))
+    if (auto digits = dailyReportDigits(name); digits)
     {
-        return "set aside: no such day as " + name.substr(2, 8);
+        return "set aside: no such day as " + std::string(*digits);
     }
     return period.date ? *period.date : *written;
 }
@@ -108,8 +97,7 @@ bool inPeriod(Day day, const Period& period)
 
 bool isReportName(const std::string& name)
 {
-    return datedReportName(name) || collectionReportName(name) ||
-           looksDaily(name);
+    return dailyReportDigits(name) || collectionReportName(name);
 }
 
 // A directory's report files in name order, so that what is said about
@@ -136,8 +124,9 @@ std::vector<DatedFile> datedFiles(const std::vector<std::string>& paths,
                                   bool& intact)
 {
     std::vector<DatedFile> files;
+    const Day today = localDay(std::time(nullptr));
     auto take = [&](const fs::path& path) {
-        auto day = dayOf(path, period);
+        auto day = dayOf(path, period, today);
         if (const auto* why = std::get_if<std::string>(&day))
         {
             err << path.string() << ": " << *why << '\n';

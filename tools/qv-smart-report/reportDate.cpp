@@ -77,7 +77,7 @@ std::string dailyReportName(ReportKind kind, Day day)
     return (kind == ReportKind::logs ? "SL" : "RD") + text + ".json";
 }
 
-std::optional<DatedName> datedReportName(std::string_view fileName)
+std::optional<std::string_view> dailyReportDigits(std::string_view fileName)
 {
     constexpr std::string_view suffix = ".json";
     constexpr size_t nameSize = 2 + 8 + suffix.size();
@@ -86,16 +86,24 @@ std::optional<DatedName> datedReportName(std::string_view fileName)
         return std::nullopt;
     }
     auto prefix = fileName.substr(0, 2);
-    if (prefix != "SL" && prefix != "RD")
+    auto day = fileName.substr(2, 8);
+    if ((prefix != "SL" && prefix != "RD") || !digits(day))
     {
         return std::nullopt;
     }
-    auto day = parseDay(fileName.substr(2, 8));
+    return day;
+}
+
+std::optional<DatedName> datedReportName(std::string_view fileName)
+{
+    auto digits = dailyReportDigits(fileName);
+    auto day = digits ? parseDay(*digits) : std::nullopt;
     if (!day)
     {
         return std::nullopt;
     }
-    return DatedName{prefix == "SL" ? ReportKind::logs : ReportKind::raw, *day};
+    return DatedName{
+        fileName.starts_with("SL") ? ReportKind::logs : ReportKind::raw, *day};
 }
 
 std::optional<ReportKind> collectionReportName(std::string_view fileName)

@@ -32,6 +32,11 @@ struct DatedName
 // "RD20261124.json"; nothing for any other name.
 std::optional<DatedName> datedReportName(std::string_view fileName);
 
+// The eight digits of a daily report's name, "SL<8 digits>.json" or
+// "RD<8 digits>.json", whether or not they spell a calendar day
+// ("SL20260230.json" gives "20260230"); nothing for any other name.
+std::optional<std::string_view> dailyReportDigits(std::string_view fileName);
+
 // The daily report's name for a day: "SL20261124.json" or "RD20261124.json".
 std::string dailyReportName(ReportKind kind, Day day);
 
