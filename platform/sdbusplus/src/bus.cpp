@@ -69,17 +69,6 @@ std::string bus::get_unique_name()
     return unique != nullptr ? unique : "";
 }
 
-void bus::request_name(const char* service)
-{
-    int r = sd_bus_request_name(get(), service,
-                                SD_BUS_NAME_ALLOW_REPLACEMENT |
-                                    SD_BUS_NAME_REPLACE_EXISTING);
-    if (r < 0)
-    {
-        throw exception::SdBusError(-r, "sd_bus_request_name");
-    }
-}
-
 bus new_default()
 {
     sd_bus* b = nullptr;

@@ -43,7 +43,6 @@ struct bus
     void call_noreply(message_t& m, uint64_t timeout_us = 0);
 
     std::string get_unique_name();
-    void request_name(const char* service);
 
   protected:
     // Protected, as in the library this stands in for: code written against

@@ -8,7 +8,6 @@
 #include <sdbusplus/message/types.hpp>
 
 #include <memory>
-#include <tuple>
 #include <type_traits>
 #include <utility>
 
@@ -55,48 +54,11 @@ class message
         (details::readOne(get(), args), ...);
     }
 
-    // Reads and returns one value, or a tuple of several.
-    template <typename... Ts>
-    auto unpack()
-    {
-        if constexpr (sizeof...(Ts) == 0)
-        {
-            return;
-        }
-        else if constexpr (sizeof...(Ts) == 1)
-        {
-            std::tuple_element_t<0, std::tuple<Ts...>> value{};
-            read(value);
-            return value;
-        }
-        else
-        {
-            std::tuple<Ts...> values{};
-            std::apply([this](auto&... v) { read(v...); }, values);
-            return values;
-        }
-    }
-
     const char* get_signature() const;
-    const char* get_path() const;
-    const char* get_interface() const;
-    const char* get_member() const;
-    const char* get_destination() const;
-    const char* get_sender() const;
-    bool is_method_error() const;
-    int get_errno() const;
-
-    message new_method_return() const;
-    // Sends this message on the bus it was made for.
-    void method_return() const;
 
     sd_bus_message* get() const noexcept
     {
         return msg.get();
-    }
-    sd_bus_message* release() noexcept
-    {
-        return msg.release();
     }
 
   private:
