@@ -1,7 +1,7 @@
 // Measures how long `qv-smart-report history` takes to follow the drives of
 // one server across a year of daily reports.
 //
-//   qv-bench-history [--days D] [--runs R] DIR [N]
+//   qv-bench-history [--days D] [--runs R] [--memory] DIR [N]
 //
 // DIR holds scenario-N.json and tables-N.json (make-scenario.py writes them;
 // N is 24 unless given). The shipped collector runs once in daily mode
@@ -12,7 +12,9 @@
 // then reads the directory R times with --format table and R times with
 // --format json, interleaved, each run a fresh process. Prints a Markdown
 // table and whether the slower format's median stays under two seconds;
-// exit code 0 when it does, 3 when not, 1 when a run failed.
+// exit code 0 when it does, 3 when not, 1 when a run failed. With --memory
+// it runs `export --format textfile` instead, the metrics unit's command,
+// and judges its peak RSS against 32 MiB.
 
 #include "benchReport.hpp"
 #include "measure.hpp"
@@ -46,6 +48,7 @@ using bench::Measurement;
 using std::chrono::sys_days;
 
 constexpr double targetSeconds = 2;
+constexpr long targetPeakKiB = 32 * 1024;
 
 struct Options
 {
@@ -53,6 +56,7 @@ struct Options
     int runs = 5;
     std::string dir;
     int drives = 24;
+    bool memory = false;
 };
 
 // The reports of one daily run, as the collector wrote them.
@@ -250,6 +254,24 @@ void checkJson(const std::string& output, int drives, int days)
     }
 }
 
+// The textfile has one verdict sample per drive.
+void checkTextfile(const std::string& output, int drives)
+{
+    long verdicts = 0;
+    for (size_t at = output.find("\nqv_smart_device_verdict{");
+         at != std::string::npos;
+         at = output.find("\nqv_smart_device_verdict{", at + 1))
+    {
+        ++verdicts;
+    }
+    if (verdicts != drives)
+    {
+        throw std::runtime_error("the textfile has " +
+                                 std::to_string(verdicts) + " verdicts, not " +
+                                 std::to_string(drives));
+    }
+}
+
 class HistoryBench
 {
   public:
@@ -267,6 +289,10 @@ class HistoryBench
     std::vector<FormatRuns> measure()
     {
         std::vector<FormatRuns> results{{"table", {}}, {"json", {}}};
+        if (options.memory)
+        {
+            results = {{"textfile", {}}};
+        }
         for (int run = 0; run < options.runs; ++run)
         {
             for (auto& result : results)
@@ -291,7 +317,8 @@ class HistoryBench
         std::string output = scratch.path() + "/history.out";
         std::string errors = scratch.path() + "/history.err";
         auto command = testsupport::targetCommand(
-            {QV_SMART_REPORT_PATH, "history", "--format", format, days()});
+            {QV_SMART_REPORT_PATH, format == "textfile" ? "export" : "history",
+             "--format", format, days()});
         auto measured = bench::measureProgram(command, {}, errors, output);
         // Bits 4 and 8 are the drives' verdicts; 1 is damaged input, 2 bad
         // usage.
@@ -308,9 +335,13 @@ class HistoryBench
         {
             checkTable(text, options.drives);
         }
-        else
+        else if (format == "json")
         {
             checkJson(text, options.drives, options.days);
+        }
+        else
+        {
+            checkTextfile(text, options.drives);
         }
         return measured;
     }
@@ -342,7 +373,8 @@ std::string resultTable(const Options& options, std::uintmax_t bytes,
 
 [[noreturn]] void usage()
 {
-    std::cerr << "usage: qv-bench-history [--days D] [--runs R] DIR [N]\n";
+    std::cerr << "usage: qv-bench-history [--days D] [--runs R] [--memory] "
+                 "DIR [N]\n";
     std::exit(64);
 }
 
@@ -369,6 +401,11 @@ Options parseOptions(const std::vector<std::string>& args)
         else if (args[next] == "--runs")
         {
             options.runs = positive(args[next + 1]);
+        }
+        else if (args[next] == "--memory")
+        {
+            options.memory = true;
+            --next;
         }
         else
         {
@@ -410,6 +447,17 @@ int main(int argc, char* argv[])
         return 1;
     }
     std::cout << resultTable(options, bytes, results) << "\n";
+    if (options.memory)
+    {
+        long peak = bench::peakRssKiB(results.front().runs);
+        bool met = peak <= targetPeakKiB;
+        std::cout << "textfile export of " << options.drives << " drives over "
+                  << options.days << " days: peak "
+                  << bench::formatted("%.1f", double(peak) / 1024)
+                  << " MiB, target <= 32 MiB: " << (met ? "met" : "MISSED")
+                  << "\n";
+        return met ? 0 : 3;
+    }
     double slowest = 0;
     for (const auto& result : results)
     {

@@ -93,7 +93,7 @@ read("export", "--format=textfile", "--output", textfile, days)
 promtoolAccepts(open(textfile).read(), "textfile")
 for drive in history["drives"]:
     check((f'fqdd="{drive["fqdd"]}"' in open(textfile).read())
-          == (drive in present), f"{drive['fqdd']} in the textfile")
+          == (not drive["vanished"]), f"{drive['fqdd']} in the textfile")
 
 with open(f"{work}/history.om", "w") as out:
     out.write(openMetrics)

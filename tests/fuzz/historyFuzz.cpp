@@ -9,6 +9,7 @@
 // history's, an exception escaping, and every sanitizer report.
 
 #include "history.hpp"
+#include "historyViews.hpp"
 #include "htmlPage.hpp"
 #include "metrics.hpp"
 #include "reportTool.hpp"
@@ -77,7 +78,9 @@ void checkPage(const qvreport::History& history)
     }
     for (const auto& drive : history.drives)
     {
-        if (qvreport::dailyVerdicts(drive).back() != drive.assessment.verdict)
+        const auto& series = drive.series;
+        if (series.size() != 0 &&
+            series.verdict(series.size() - 1) != drive.assessment.verdict)
         {
             finding("the last day's verdict is not the history's");
         }
@@ -97,7 +100,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     std::istringstream in(
         newline == std::string::npos ? "" : input.substr(newline + 1));
     qvreport::ReportReader reader(in);
-    qvreport::HistoryBuilder builder;
+    qvreport::HistoryBuilder builder({.keepDays = true});
     std::ostringstream out;
     while (auto document = reader.next())
     {
@@ -107,7 +110,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             qvreport::Assessment(qvreport::snapshotReasons(drive));
         }
         // Each further document a day later, so trends have days to span.
-        builder.add(day, *document);
+        builder.add(day, qvreport::driveHealth(*document));
         day += std::chrono::days(1);
     }
     const auto history = builder.build();

@@ -295,19 +295,9 @@ std::vector<std::string> criticalWarningNames(std::uint64_t bits)
 
 std::string_view figureName(Figure DriveHealth::*figure)
 {
-    const auto* column = std::ranges::find(figureColumns, figure,
+    const auto* column = std::ranges::find(namedFigures, figure,
                                            &FigureColumn::figure);
-    return column->name;
-}
-
-std::string joined(const std::vector<std::string>& names, char separator)
-{
-    std::string text;
-    for (const auto& name : names)
-    {
-        text += (text.empty() ? "" : std::string(1, separator)) + name;
-    }
-    return text;
+    return column == namedFigures.end() ? "" : column->name;
 }
 
 std::vector<DriveHealth> driveHealth(const Document& document)

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "reportDocument.hpp"
+#include "textOutput.hpp"
 
 #include <array>
 #include <cstdint>
@@ -56,7 +57,23 @@ inline constexpr auto figureColumns = std::to_array<FigureColumn>({
     {"available_spare", "SPARE", &DriveHealth::availableSpare},
 });
 
-// The column name of a figure.
+// Every figure a drive may report, by the name its reasons and outputs use:
+// the columns and the NVMe spare threshold, which is only compared against.
+inline constexpr auto namedFigures = std::to_array<FigureColumn>({
+    figureColumns[0],
+    figureColumns[1],
+    figureColumns[2],
+    figureColumns[3],
+    figureColumns[4],
+    figureColumns[5],
+    figureColumns[6],
+    figureColumns[7],
+    figureColumns[8],
+    figureColumns[9],
+    {"spare_threshold", "THRESHOLD", &DriveHealth::spareThreshold},
+});
+
+// The name of a figure.
 std::string_view figureName(Figure DriveHealth::*figure);
 
 // Health of every drive of a decoded (logs) or raw-data report document.
@@ -65,8 +82,5 @@ std::string_view figureName(Figure DriveHealth::*figure);
 std::vector<DriveHealth> driveHealth(const Document& document);
 
 std::vector<std::string> criticalWarningNames(std::uint64_t bits);
-
-// The names one after the other, `separator` between them.
-std::string joined(const std::vector<std::string>& names, char separator);
 
 } // namespace qvreport

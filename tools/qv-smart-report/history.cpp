@@ -1,165 +1,11 @@
 #include "history.hpp"
 
-#include "reportTool.hpp"
-
-#include <sys/stat.h>
-
 #include <algorithm>
-#include <array>
-#include <ctime>
-#include <filesystem>
-#include <string_view>
+#include <limits>
 #include <tuple>
-#include <variant>
 
 namespace qvreport
 {
-namespace fs = std::filesystem;
-
-namespace
-{
-
-Day localDay(std::time_t time)
-{
-    std::tm local{};
-    localtime_r(&time, &local);
-    return Day(std::chrono::year_month_day(
-        std::chrono::year(local.tm_year + 1900),
-        std::chrono::month(unsigned(local.tm_mon + 1)),
-        std::chrono::day(unsigned(local.tm_mday))));
-}
-
-std::optional<Day> modificationDay(const fs::path& path)
-{
-    struct stat status
-    {};
-    if (::stat(path.c_str(), &status) != 0)
-    {
-        return std::nullopt;
-    }
-    return localDay(status.st_mtime);
-}
-
-// Why the day in a daily report's name cannot be the day it was collected:
-// the controller's clock was wrong when it named the file. A file written a
-// day early (a run just before midnight, a file copied later) is still
-// taken. Nothing when the day is plausible.
-std::optional<std::string> wrongClock(Day named, Day written, Day today)
-{
-    constexpr Day earliest{std::chrono::year(2000) / 1 / 1};
-    constexpr std::chrono::days slack{1};
-    if (named < earliest)
-    {
-        return "dated " + dayText(named) + ", before 2000";
-    }
-    if (named > written + slack)
-    {
-        return "dated " + dayText(named) +
-               ", more than a day after the file was last written";
-    }
-    if (named > today + slack)
-    {
-        return "dated " + dayText(named) + ", more than a day after today";
-    }
-    return std::nullopt;
-}
-
-// The day a report file stands for, or why it is set aside.
-std::variant<Day, std::string> dayOf(const fs::path& path, const Period& period,
-                                     Day today)
-{
-    auto name = path.filename().string();
-    auto written = modificationDay(path);
-    if (!written)
-    {
-        return std::string("cannot be read");
-    }
-    if (auto dated = datedReportName(name); dated)
-    {
-        if (auto wrong = wrongClock(dated->day, *written, today); wrong)
-        {
-            return "set aside: " + *wrong;
-        }
-        return dated->day;
-    }
-    if (auto digits = dailyReportDigits(name); digits)
-    {
-        return "set aside: no such day as " + std::string(*digits);
-    }
-    return period.date ? *period.date : *written;
-}
-
-bool inPeriod(Day day, const Period& period)
-{
-    return (!period.since || day >= *period.since) &&
-           (!period.until || day <= *period.until);
-}
-
-bool isReportName(const std::string& name)
-{
-    return dailyReportDigits(name) || collectionReportName(name);
-}
-
-// A directory's report files in name order, so that what is said about
-// them comes in the same order on every file system.
-std::vector<fs::path> reportFilesIn(const std::string& directory,
-                                    std::error_code& error)
-{
-    std::vector<fs::path> found;
-    for (const auto& entry : fs::directory_iterator(directory, error))
-    {
-        if (isReportName(entry.path().filename().string()))
-        {
-            found.push_back(entry.path());
-        }
-    }
-    std::ranges::sort(found);
-    return found;
-}
-
-} // namespace
-
-std::vector<DatedFile> datedFiles(const std::vector<std::string>& paths,
-                                  const Period& period, std::ostream& err,
-                                  bool& intact)
-{
-    std::vector<DatedFile> files;
-    const Day today = localDay(std::time(nullptr));
-    auto take = [&](const fs::path& path) {
-        auto day = dayOf(path, period, today);
-        if (const auto* why = std::get_if<std::string>(&day))
-        {
-            err << path.string() << ": " << *why << '\n';
-            intact = false;
-        }
-        else if (inPeriod(std::get<Day>(day), period))
-        {
-            files.push_back({std::get<Day>(day), path.string()});
-        }
-    };
-    for (const auto& path : paths)
-    {
-        std::error_code error;
-        if (!fs::is_directory(path, error))
-        {
-            take(path);
-            continue;
-        }
-        for (const auto& file : reportFilesIn(path, error))
-        {
-            take(file);
-        }
-        if (error)
-        {
-            err << path << ": " << error.message() << '\n';
-            intact = false;
-        }
-    }
-    std::ranges::sort(files, [](const DatedFile& a, const DatedFile& b) {
-        return std::tie(a.day, a.path) < std::tie(b.day, b.path);
-    });
-    return files;
-}
 
 void Trend::add(Day day, Figure value)
 {
@@ -178,49 +24,121 @@ void Trend::add(Day day, Figure value)
     last = value;
 }
 
-Trend trendOf(const DriveHistory& drive, Figure DriveHealth::*figure)
+namespace
 {
-    Trend trend;
-    for (const auto& sample : drive.samples)
+
+// Marks a day without that figure in a kept series.
+constexpr std::int64_t noValue = std::numeric_limits<std::int64_t>::min();
+constexpr size_t criticalWarningSlot = namedFigures.size();
+
+size_t slotOf(Figure DriveHealth::*figure)
+{
+    return size_t(
+        std::ranges::find(namedFigures, figure, &FigureColumn::figure) -
+        namedFigures.begin());
+}
+
+} // namespace
+
+void DailySeries::put(size_t figure, std::optional<std::int64_t> value)
+{
+    auto& column = values.at(figure);
+    if (!value && column.empty())
     {
-        trend.add(sample.day, sample.health.*figure);
+        return;
     }
-    return trend;
+    // A figure first reported today has no value on the days before.
+    column.resize(days.size() - 1, noValue);
+    column.push_back(value.value_or(noValue));
+}
+
+void DailySeries::add(Day day, const DriveHealth& health, Verdict verdict)
+{
+    days.push_back(std::int32_t(day.time_since_epoch().count()));
+    verdicts.push_back(verdict);
+    for (size_t i = 0; i < namedFigures.size(); ++i)
+    {
+        put(i, health.*namedFigures.at(i).figure);
+    }
+    auto bits = health.criticalWarning;
+    put(criticalWarningSlot,
+        bits ? std::optional<std::int64_t>(std::int64_t(*bits)) : std::nullopt);
+}
+
+Figure DailySeries::value(size_t i, Figure DriveHealth::*figure) const
+{
+    const auto& column = values.at(slotOf(figure));
+    if (i >= column.size() || column[i] == noValue)
+    {
+        return std::nullopt;
+    }
+    return column[i];
+}
+
+std::optional<std::uint64_t> DailySeries::criticalWarning(size_t i) const
+{
+    const auto& column = values.at(criticalWarningSlot);
+    if (i >= column.size() || column[i] == noValue)
+    {
+        return std::nullopt;
+    }
+    return std::uint64_t(column[i]);
+}
+
+const Trend& DriveRecord::trend(Figure DriveHealth::*figure) const
+{
+    const auto* column = std::ranges::find(figureColumns, figure,
+                                           &FigureColumn::figure);
+    return trends.at(size_t(column - figureColumns.begin()));
 }
 
 namespace
 {
 
-bool holds(const std::vector<Reason>& reasons, const Reason& reason)
+bool hasReading(const DriveHealth& health)
 {
-    return std::ranges::any_of(reasons, [&reason](const Reason& other) {
-        return other.figure == reason.figure && other.verdict == reason.verdict;
-    });
+    return health.criticalWarning ||
+           std::ranges::any_of(namedFigures, [&health](const auto& column) {
+               return (health.*column.figure).has_value();
+           });
 }
 
-} // namespace
-
-Assessment historyAssessment(const DriveHistory& drive)
+// Another drive in the bay: a drive's power-on hours never go back, and
+// its class never changes. No report carries a serial number or model.
+bool anotherDrive(const DriveRecord& record, const DriveHealth& reading)
 {
-    std::vector<std::vector<Reason>> daily;
-    for (const auto& sample : drive.samples)
+    if (record.days == 0)
     {
-        daily.push_back(snapshotReasons(sample.health));
+        return false;
     }
-    std::vector<Reason> found;
-    for (auto reason : daily.empty() ? std::vector<Reason>{} : daily.back())
+    const auto& hours = record.trend(&DriveHealth::powerOnHours).last;
+    return (hours && reading.powerOnHours && *reading.powerOnHours < *hours) ||
+           reading.driveClass != record.driveClass;
+}
+
+// Today's reasons, each since the first day of the readings up to today on
+// which it held.
+std::vector<Reason> heldSince(const std::vector<Reason>& before,
+                              std::vector<Reason> now, Day day)
+{
+    for (auto& reason : now)
     {
-        size_t from = daily.size() - 1;
-        while (from > 0 && holds(daily[from - 1], reason))
-        {
-            --from;
-        }
-        reason.since = drive.samples[from].day;
-        found.push_back(std::move(reason));
+        auto held = std::ranges::find_if(before, [&reason](const Reason& r) {
+            return r.figure == reason.figure && r.verdict == reason.verdict;
+        });
+        reason.since = held == before.end() ? day : held->since;
     }
+    return now;
+}
+
+// The reasons that hold, with a failure counter that kept rising failing
+// the drive since the day it first rose.
+Assessment assess(const DriveRecord& record)
+{
+    auto found = record.holding;
     for (auto member : failureCounters)
     {
-        auto trend = trendOf(drive, member);
+        const auto& trend = record.trend(member);
         if (trend.rises < risesThatFail)
         {
             continue;
@@ -237,307 +155,191 @@ Assessment historyAssessment(const DriveHistory& drive)
     return Assessment(std::move(found));
 }
 
-std::vector<Verdict> dailyVerdicts(const DriveHistory& drive)
+} // namespace
+
+HistoryBuilder::HistoryBuilder(HistoryOptions options) : options(options) {}
+
+void HistoryBuilder::add(Day day, const std::vector<DriveHealth>& drives,
+                         bool wholeRun)
 {
-    std::vector<Verdict> verdicts;
-    std::array<Trend, failureCounters.size()> trends{};
-    for (const auto& sample : drive.samples)
+    if (gathering && *gathering != day)
     {
-        Verdict verdict = Assessment(snapshotReasons(sample.health)).verdict;
-        for (size_t i = 0; i < failureCounters.size(); ++i)
-        {
-            Trend& trend = trends.at(i);
-            trend.add(sample.day, sample.health.*failureCounters.at(i));
-            if (trend.rises >= risesThatFail)
-            {
-                verdict = Verdict::failed;
-            }
-        }
-        verdicts.push_back(verdict);
+        closeDay();
     }
-    return verdicts;
+    gathering = day;
+    gatheredWholeRun = gatheredWholeRun || wholeRun;
+    for (const auto& drive : drives)
+    {
+        // Drives without an FQDD cannot be told apart from day to day.
+        if (!drive.fqdd.empty())
+        {
+            gathered.insert_or_assign(drive.fqdd, drive);
+        }
+    }
 }
 
-void HistoryBuilder::add(Day day, const Document& document)
+void HistoryBuilder::addReading(Day day, const std::string& fqdd,
+                                DriveHealth& health)
 {
-    for (auto& drive : driveHealth(document))
+    auto bay = inBay.find(fqdd);
+    bool reading = hasReading(health);
+    if (bay == inBay.end() ||
+        (reading && anotherDrive(records[bay->second], health)))
     {
-        if (drive.fqdd.empty())
+        if (bay != inBay.end())
         {
-            continue;
+            records[bay->second].vanished = true;
         }
+        DriveRecord opened;
+        opened.fqdd = fqdd;
+        opened.driveClass = health.driveClass;
+        opened.firstDay = day;
+        opened.lastDay = day;
+        inBay.insert_or_assign(fqdd, records.size());
+        records.push_back(std::move(opened));
+        bay = inBay.find(fqdd);
+    }
+    auto& record = records[bay->second];
+    record.lastSeen = day;
+    if (!reading)
+    {
+        return;
+    }
+    record.driveClass = health.driveClass;
+    record.lastDay = day;
+    ++record.days;
+    for (size_t i = 0; i < figureColumns.size(); ++i)
+    {
+        record.trends.at(i).add(day, health.*figureColumns.at(i).figure);
+    }
+    record.holding = heldSince(record.holding, snapshotReasons(health), day);
+    if (options.keepDays)
+    {
+        record.series.add(day, health, assess(record).verdict);
+    }
+    record.latest = std::move(health);
+}
+
+void HistoryBuilder::closeDay()
+{
+    if (!gathering)
+    {
+        return;
+    }
+    Day day = *gathering;
+    if (!gathered.empty())
+    {
         first = std::min(first.value_or(day), day);
         last = std::max(last.value_or(day), day);
-        auto fqdd = drive.fqdd;
-        timeline[fqdd].insert_or_assign(day, std::move(drive));
+        lastDayWholeRun = gatheredWholeRun;
     }
+    for (auto& [fqdd, health] : gathered)
+    {
+        addReading(day, fqdd, health);
+    }
+    gathered.clear();
+    gatheredWholeRun = false;
+    gathering.reset();
 }
 
 History HistoryBuilder::build()
 {
-    std::vector<DriveHistory> followed;
-    // One drive at a time, so that its days are never held twice.
-    while (!timeline.empty())
+    closeDay();
+    for (auto& record : records)
     {
-        auto days = timeline.extract(timeline.begin());
-        DriveHistory drive{days.key(), {}};
-        drive.samples.reserve(days.mapped().size());
-        for (auto& [day, health] : days.mapped())
-        {
-            drive.samples.push_back({day, std::move(health)});
-        }
-        drive.assessment = historyAssessment(drive);
-        followed.push_back(std::move(drive));
+        record.assessment = assess(record);
+        record.appeared = record.firstDay > *first;
+        // A collection run lists every drive the server has: one it leaves
+        // out is gone. A daily run may miss a drive whose data could not be
+        // read, so only days on end without a reading mean it is gone.
+        bool missedWholeRun = lastDayWholeRun && record.lastSeen < *last;
+        bool silentTooLong = *last - record.lastDay >=
+                             std::chrono::days(options.staleAfter);
+        record.vanished = record.vanished || missedWholeRun || silentTooLong;
+        record.stale = !record.vanished && record.lastDay < *last;
     }
-    std::ranges::stable_sort(followed, std::greater{},
-                             [](const DriveHistory& drive) {
-        return drive.assessment.verdict;
+    std::ranges::stable_sort(records, [](const auto& a, const auto& b) {
+        return std::tie(a.fqdd, a.firstDay) < std::tie(b.fqdd, b.firstDay);
     });
-    return {std::move(followed), first, last};
+    std::ranges::stable_sort(records, std::greater{},
+                             [](const DriveRecord& record) {
+        return record.assessment.verdict;
+    });
+    History history{std::move(records), first, last};
+    *this = HistoryBuilder(options);
+    return history;
 }
 
 namespace
 {
 
-using Json = nlohmann::ordered_json;
-
-Json optionalDay(std::optional<Day> day)
+// A collection file's runs, one day each, the last on the file's own day.
+struct Run
 {
-    return day ? Json(dayText(*day)) : Json();
-}
+    Day day;
+    std::vector<DriveHealth> drives;
+};
 
-bool isCounter(Figure DriveHealth::*member)
+std::vector<Run> runsOf(const DatedFile& file, std::ostream& err, bool& intact)
 {
-    return std::ranges::find(warningCounters, member) != warningCounters.end();
-}
-
-Json trendJson(const Trend& trend, bool counter)
-{
-    Json figure{{"first", *trend.first},
-                {"last", *trend.last},
-                {"change", *trend.last - *trend.first},
-                {"min", *trend.min},
-                {"max", *trend.max}};
-    if (counter)
+    std::vector<Run> runs;
+    intact = readReportFile(
+                 file.path, err,
+                 [&runs](const Document& document) {
+        runs.push_back({Day{}, driveHealth(document)});
+                 }) &&
+        intact;
+    for (size_t i = 0; i < runs.size(); ++i)
     {
-        figure["rises"] = trend.rises;
-        figure["first_rose"] = optionalDay(trend.firstRose);
+        runs[i].day = file.day - std::chrono::days(runs.size() - 1 - i);
     }
-    return figure;
-}
-
-Json reasonsJson(const Assessment& assessment)
-{
-    Json reasons = Json::array();
-    for (const auto& reason : assessment.reasons)
-    {
-        reasons.push_back({{"verdict", verdictName(reason.verdict)},
-                           {"figure", reason.figure},
-                           {"text", reason.text},
-                           {"since", optionalDay(reason.since)}});
-    }
-    return reasons;
+    return runs;
 }
 
 } // namespace
 
-Json historyJson(const DriveHistory& drive, const History& history)
+History readHistory(const std::vector<DatedFile>& files, const Period& period,
+                    HistoryOptions options, std::ostream& err, bool& intact)
 {
-    const auto& lastHealth = drive.samples.back().health;
-    Json figures = Json::object();
-    for (const auto& column : figureColumns)
+    // A collection's runs are few and held until their day comes; daily
+    // reports are read one document at a time.
+    std::vector<Run> runs;
+    for (const auto& file : files)
     {
-        auto trend = trendOf(drive, column.figure);
-        if (trend.first)
+        if (file.runPerDocument)
         {
-            figures[std::string(column.name)] =
-                trendJson(trend, isCounter(column.figure));
+            std::ranges::move(runsOf(file, err, intact),
+                              std::back_inserter(runs));
         }
     }
-    Json warnings;
-    if (lastHealth.criticalWarning)
-    {
-        warnings = criticalWarningNames(*lastHealth.criticalWarning);
-    }
-    Day firstDay = drive.samples.front().day;
-    Day lastDay = drive.samples.back().day;
-    return Json{{"fqdd", drive.fqdd},
-                {"class", lastHealth.driveClass},
-                {"first_day", dayText(firstDay)},
-                {"last_day", dayText(lastDay)},
-                {"days", drive.samples.size()},
-                {"appeared", firstDay > *history.firstDay},
-                {"vanished", lastDay < *history.lastDay},
-                {"verdict", verdictName(drive.assessment.verdict)},
-                {"reasons", reasonsJson(drive.assessment)},
-                {"figures", figures},
-                {"critical_warning", warnings}};
-}
-
-void writeHistoryJson(std::ostream& out, const History& history)
-{
-    Json drives = Json::array();
-    for (const auto& drive : history.drives)
-    {
-        drives.push_back(historyJson(drive, history));
-    }
-    Json whole{{"first_day", optionalDay(history.firstDay)},
-               {"last_day", optionalDay(history.lastDay)},
-               {"drives", drives}};
-    out << whole.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
-}
-
-namespace
-{
-
-std::string cellText(const Json& value)
-{
-    if (value.is_null())
-    {
-        return "";
-    }
-    return value.is_string() ? value.get<std::string>() : value.dump();
-}
-
-std::vector<std::string> figureParts(const FigureColumn& column)
-{
-    std::vector<std::string> parts{"first", "last", "change", "min", "max"};
-    if (isCounter(column.figure))
-    {
-        parts.emplace_back("first_rose");
-    }
-    return parts;
-}
-
-std::vector<std::string> csvColumns()
-{
-    std::vector<std::string> columns{"fqdd",     "class",   "first_day",
-                                     "last_day", "days",    "appeared",
-                                     "vanished", "verdict", "reasons"};
-    for (const auto& column : figureColumns)
-    {
-        for (const auto& part : figureParts(column))
+    std::erase_if(
+        runs, [&period](const Run& run) { return !inPeriod(run.day, period); });
+    std::ranges::stable_sort(runs, {}, &Run::day);
+    HistoryBuilder builder(options);
+    auto run = runs.begin();
+    auto runsBefore = [&](std::optional<Day> day) {
+        for (; run != runs.end() && (!day || run->day < *day); ++run)
         {
-            columns.push_back(std::string(column.name) + '_' + part);
+            builder.add(run->day, run->drives, true);
         }
-    }
-    columns.emplace_back("critical_warning");
-    return columns;
-}
-
-// The set critical-warning bits; "none" when the NVMe drive reports 0.
-std::string warningsCell(const Json& warnings)
-{
-    if (!warnings.is_array())
+    };
+    for (const auto& file : files)
     {
-        return "";
-    }
-    auto names = warnings.get<std::vector<std::string>>();
-    return names.empty() ? "none" : joined(names, ';');
-}
-
-std::vector<std::string> csvRow(const Json& drive, const Assessment& assessment)
-{
-    std::vector<std::string> row;
-    for (const char* key : {"fqdd", "class", "first_day", "last_day", "days",
-                            "appeared", "vanished", "verdict"})
-    {
-        row.push_back(cellText(drive[key]));
-    }
-    row.push_back(assessment.reasonsText());
-    const Json& figures = drive["figures"];
-    for (const auto& column : figureColumns)
-    {
-        auto figure = figures.value(std::string(column.name), Json::object());
-        for (const auto& part : figureParts(column))
+        if (file.runPerDocument)
         {
-            row.push_back(cellText(figure.value(part, Json())));
+            continue;
         }
+        // A collection on the same day as a daily run came after it.
+        runsBefore(file.day);
+        intact = readReportFile(
+                     file.path, err,
+                     [&](const Document& document) {
+            builder.add(file.day, driveHealth(document));
+                     }) &&
+            intact;
     }
-    row.push_back(warningsCell(drive["critical_warning"]));
-    return row;
-}
-
-std::string seenText(const Json& drive)
-{
-    if (drive["appeared"] && drive["vanished"])
-    {
-        return "appeared,vanished";
-    }
-    return drive["appeared"]   ? "appeared"
-           : drive["vanished"] ? "vanished"
-                               : "-";
-}
-
-// The last value, and its change over the history when there is one.
-std::string trendCell(const Json& figures, std::string_view name)
-{
-    if (!figures.contains(name))
-    {
-        return "-";
-    }
-    const Json& figure = figures[std::string(name)];
-    auto change = figure["change"].get<std::int64_t>();
-    return figure["last"].dump() +
-           (change == 0 ? ""
-                        : "(" + std::string(change > 0 ? "+" : "") +
-                              std::to_string(change) + ")");
-}
-
-} // namespace
-
-void writeHistoryCsv(std::ostream& out, const History& history)
-{
-    auto columns = csvColumns();
-    for (size_t i = 0; i < columns.size(); ++i)
-    {
-        out << (i == 0 ? "" : ",") << columns[i];
-    }
-    out << '\n';
-    for (const auto& drive : history.drives)
-    {
-        auto row = csvRow(historyJson(drive, history), drive.assessment);
-        for (size_t i = 0; i < row.size(); ++i)
-        {
-            out << (i == 0 ? "" : ",") << csvCell(row[i]);
-        }
-        out << '\n';
-    }
-}
-
-void writeHistoryTable(std::ostream& out, const History& history)
-{
-    std::vector<std::string> heading{"FQDD",     "CLASS", "FIRST_DAY",
-                                     "LAST_DAY", "SEEN",  "TEMP_MIN",
-                                     "TEMP_MAX"};
-    for (const auto& column : figureColumns)
-    {
-        heading.emplace_back(column.heading);
-    }
-    heading.insert(heading.end(), {"VERDICT", "REASONS"});
-    TextTable table(heading);
-    for (const auto& drive : history.drives)
-    {
-        auto json = historyJson(drive, history);
-        const Json& figures = json["figures"];
-        auto temperature = figures.value("temp_c", Json::object());
-        std::vector<std::string> row{
-            drive.fqdd,
-            json["class"],
-            json["first_day"],
-            json["last_day"],
-            seenText(json),
-            temperature.contains("min") ? temperature["min"].dump() : "-",
-            temperature.contains("max") ? temperature["max"].dump() : "-"};
-        for (const auto& column : figureColumns)
-        {
-            row.push_back(trendCell(figures, column.name));
-        }
-        row.emplace_back(verdictName(drive.assessment.verdict));
-        row.push_back(drive.assessment.reasonsText());
-        table.add(std::move(row));
-    }
-    table.print(out);
+    runsBefore(std::nullopt);
+    return builder.build();
 }
 
 } // namespace qvreport

@@ -126,15 +126,15 @@ struct Point
     int y;
 };
 
-std::vector<Point> points(const DriveHistory& drive,
+std::vector<Point> points(const DailySeries& series,
                           Figure DriveHealth::*figure, const Scale& scale)
 {
     std::vector<Point> at;
-    for (const auto& sample : drive.samples)
+    for (size_t i = 0; i < series.size(); ++i)
     {
-        if (auto value = sample.health.*figure; value)
+        if (auto value = series.value(i, figure); value)
         {
-            at.push_back({int(scale.x(sample.day)), int(scale.y(*value))});
+            at.push_back({int(scale.x(series.day(i))), int(scale.y(*value))});
         }
     }
     return at;
@@ -160,13 +160,13 @@ void writeLine(std::ostream& out, const std::vector<Point>& at,
 
 // A small chart of the plot's lines over the whole history's days; nothing
 // when the drive reports none of its figures.
-void writePlot(std::ostream& out, const Plot& plot, const DriveHistory& drive,
+void writePlot(std::ostream& out, const Plot& plot, const DriveRecord& drive,
                const History& history)
 {
     std::vector<std::pair<const Line*, Trend>> shown;
     for (const auto& line : plot.lines)
     {
-        if (auto trend = trendOf(drive, line.figure); trend.first)
+        if (const auto& trend = drive.trend(line.figure); trend.first)
         {
             shown.emplace_back(&line, trend);
         }
@@ -194,27 +194,25 @@ void writePlot(std::ostream& out, const Plot& plot, const DriveHistory& drive,
         << "</text>";
     for (const auto& [line, trend] : shown)
     {
-        writeLine(out, points(drive, line->figure, scale), line->colour);
+        writeLine(out, points(drive.series, line->figure, scale), line->colour);
     }
     out << "</svg><figcaption>" << escaped(plot.caption) << ": "
         << escaped(legend) << "</figcaption></figure>\n";
 }
 
-void writeDrive(std::ostream& out, const DriveHistory& drive,
+void writeDrive(std::ostream& out, const DriveRecord& drive,
                 const History& history)
 {
     auto verdict = verdictName(drive.assessment.verdict);
-    const auto& health = drive.samples.back().health;
     out << "<section class='drive " << verdict << "' data-fqdd='"
         << escaped(drive.fqdd) << "' data-verdict='" << verdict << "'>\n"
         << "<h2><span class='verdict'>" << verdict << "</span>"
         << escaped(drive.fqdd) << "</h2>\n<div class='meta'>"
-        << escaped(health.driveClass) << " · seen "
-        << dayText(drive.samples.front().day) << " to "
-        << dayText(drive.samples.back().day) << " (" << drive.samples.size()
-        << " days)"
-        << (drive.samples.front().day > *history.firstDay ? " · appeared" : "")
-        << (drive.samples.back().day < *history.lastDay ? " · vanished" : "")
+        << escaped(drive.driveClass) << " · seen " << dayText(drive.firstDay)
+        << " to " << dayText(drive.lastDay) << " (" << drive.days << " days)"
+        << (drive.appeared ? " · appeared" : "")
+        << (drive.vanished ? " · vanished" : "")
+        << (drive.stale ? " · no reading since " + dayText(drive.lastDay) : "")
         << "</div>\n";
     if (!drive.assessment.reasons.empty())
     {

@@ -1,12 +1,7 @@
 #include "metrics.hpp"
 
-#include <fcntl.h>
-#include <unistd.h>
-
+#include <algorithm>
 #include <array>
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
 #include <functional>
 #include <limits>
 #include <string_view>
@@ -81,11 +76,10 @@ std::string labelValue(std::string_view text)
     return escaped;
 }
 
-std::string driveLabels(const DriveHistory& drive, std::string_view extra)
+std::string driveLabels(const DriveRecord& drive, std::string_view extra)
 {
     std::string labels = "{fqdd=\"" + labelValue(drive.fqdd) + "\",class=\"" +
-                         labelValue(drive.samples.back().health.driveClass) +
-                         '"';
+                         labelValue(drive.driveClass) + '"';
     if (!extra.empty())
     {
         labels += ',' + std::string(extra);
@@ -113,88 +107,139 @@ void writeHeader(std::ostream& out, std::string_view name,
         << '\n';
 }
 
-using DayValue = std::function<std::optional<std::int64_t>(size_t)>;
-
-// One sample per day of the drive that has a value; with `stamped` each
-// carries its day, otherwise only the last day's is written.
-void writeSeries(std::ostream& out, std::string_view name,
-                 const std::string& labels, const DriveHistory& drive,
-                 const DayValue& valueOn, bool stamped)
+// What a metric family says of a drive: the value of one figure of a
+// reading, or of the drive's verdict.
+struct Sampler
 {
-    size_t from = stamped ? 0 : drive.samples.size() - 1;
-    for (size_t i = from; i < drive.samples.size(); ++i)
+    std::function<std::optional<std::int64_t>(const DailySeries&, size_t)>
+        onDay;
+    std::function<std::optional<std::int64_t>(const DriveRecord&)> latest;
+};
+
+// The drives whose samples go into one series each. A bay whose drive was
+// replaced is one series over both drives, in the order of their days,
+// since the labels name the bay: the later ones of the same labels are
+// written with the first.
+std::vector<std::vector<const DriveRecord*>> seriesOf(const History& history,
+                                                      bool stamped)
+{
+    std::vector<std::vector<const DriveRecord*>> all;
+    for (const auto& drive : history.drives)
     {
-        auto value = valueOn(i);
-        if (!value)
+        // Without timestamps only the drives still in the server count.
+        if (!stamped && drive.vanished)
         {
             continue;
         }
-        out << name << labels << ' ' << *value;
-        if (stamped)
+        auto same = std::ranges::find_if(all, [&drive](const auto& series) {
+            return series.front()->fqdd == drive.fqdd &&
+                   series.front()->driveClass == drive.driveClass;
+        });
+        if (same == all.end())
         {
-            out << ' '
-                << drive.samples[i].day.time_since_epoch().count() * 86400;
+            all.push_back({&drive});
         }
-        out << '\n';
+        else
+        {
+            same->push_back(&drive);
+        }
     }
+    for (auto& series : all)
+    {
+        std::ranges::sort(series, {}, &DriveRecord::firstDay);
+    }
+    return all;
+}
+
+using Series = std::vector<const DriveRecord*>;
+
+// One sample per reading day with a value, stamped with its day; or,
+// without stamps, the last reading's value.
+void writeSeries(std::ostream& out, std::string_view name,
+                 std::string_view extra, const Series& drives,
+                 const Sampler& sampler, bool stamped)
+{
+    auto labels = driveLabels(*drives.front(), extra);
+    if (!stamped)
+    {
+        if (auto value = sampler.latest(*drives.back()); value)
+        {
+            out << name << labels << ' ' << *value << '\n';
+        }
+        return;
+    }
+    for (const auto* drive : drives)
+    {
+        const auto& series = drive->series;
+        for (size_t i = 0; i < series.size(); ++i)
+        {
+            if (auto value = sampler.onDay(series, i); value)
+            {
+                out << name << labels << ' ' << *value << ' '
+                    << series.day(i).time_since_epoch().count() * 86400 << '\n';
+            }
+        }
+    }
+}
+
+Sampler figureSampler(const Family& family)
+{
+    auto inUnit = [scale = family.scale](Figure value) {
+        return value ? std::optional(scaled(*value, scale)) : std::nullopt;
+    };
+    return {[&family, inUnit](const DailySeries& series, size_t i) {
+        return inUnit(series.value(i, family.figure));
+            },
+            [&family, inUnit](const DriveRecord& drive) {
+        return inUnit(drive.latest.*family.figure);
+    }};
+}
+
+std::optional<std::int64_t> bitsValue(std::optional<std::uint64_t> bits)
+{
+    return bits ? std::optional<std::int64_t>(*bits) : std::nullopt;
 }
 
 void writeMetrics(std::ostream& out, const History& history, bool stamped)
 {
-    // Without timestamps only the drives of the last day are the server's.
-    std::vector<const DriveHistory*> drives;
-    for (const auto& drive : history.drives)
-    {
-        if (stamped || drive.samples.back().day == history.lastDay)
-        {
-            drives.push_back(&drive);
-        }
-    }
+    const auto all = seriesOf(history, stamped);
     for (const auto& family : families)
     {
         if (!family.help.empty())
         {
             writeHeader(out, family.name, family.help);
         }
-        for (const auto* drive : drives)
+        for (const auto& drives : all)
         {
-            writeSeries(
-                out, family.name, driveLabels(*drive, family.labels), *drive,
-                [&](size_t i) -> std::optional<std::int64_t> {
-                    auto value = drive->samples[i].health.*family.figure;
-                    return value ? std::optional(scaled(*value, family.scale))
-                                 : std::nullopt;
-                },
-                stamped);
+            writeSeries(out, family.name, family.labels, drives,
+                        figureSampler(family), stamped);
         }
     }
     writeHeader(out, criticalWarningName,
                 "NVMe critical warning bits as the drive reports them");
-    for (const auto* drive : drives)
+    const Sampler bits{[](const DailySeries& series, size_t i) {
+        return bitsValue(series.criticalWarning(i));
+                       },
+                       [](const DriveRecord& drive) {
+        return bitsValue(drive.latest.criticalWarning);
+    }};
+    for (const auto& drives : all)
     {
-        writeSeries(
-            out, criticalWarningName, driveLabels(*drive, ""), *drive,
-            [&](size_t i) -> std::optional<std::int64_t> {
-                auto bits = drive->samples[i].health.criticalWarning;
-                return bits ? std::optional<std::int64_t>(*bits) : std::nullopt;
-            },
-            stamped);
+        writeSeries(out, criticalWarningName, "", drives, bits, stamped);
     }
     writeHeader(out, verdictName,
                 "Verdict of the history up to the day: 0 PASSED, 1 WARNING, "
                 "2 FAILED");
-    for (const auto* drive : drives)
+    const Sampler verdicts{[](const DailySeries& series, size_t i) {
+        return std::optional<std::int64_t>(std::int64_t(series.verdict(i)));
+                           },
+                           [](const DriveRecord& drive) {
+        return std::optional<std::int64_t>(
+            std::int64_t(drive.assessment.verdict));
+    }};
+    for (const auto& drives : all)
     {
-        // The last day's verdict is the history's own.
-        auto verdicts = stamped ? dailyVerdicts(*drive)
-                                : std::vector<Verdict>{};
-        writeSeries(
-            out, verdictName, driveLabels(*drive, ""), *drive,
-            [&](size_t i) {
-            return std::optional<std::int64_t>(static_cast<std::int64_t>(
-                stamped ? verdicts[i] : drive->assessment.verdict));
-            },
-            stamped);
+        writeSeries(out, verdictName, "", drives, verdicts, stamped);
     }
 }
 
@@ -209,36 +254,6 @@ void writeOpenMetrics(std::ostream& out, const History& history)
 void writeTextfile(std::ostream& out, const History& history)
 {
     writeMetrics(out, history, false);
-}
-
-bool replaceFile(const std::string& path, const std::string& text,
-                 std::ostream& err)
-{
-    std::string temporary = path + ".tmp." + std::to_string(::getpid());
-    int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC,
-                    0644);
-    bool written = fd >= 0;
-    for (size_t done = 0; written && done < text.size();)
-    {
-        auto count = ::write(fd, text.data() + done, text.size() - done);
-        written = count > 0 || (count < 0 && errno == EINTR);
-        done += count > 0 ? size_t(count) : 0;
-    }
-    written = written && ::fsync(fd) == 0;
-    int error = errno;
-    if (fd >= 0 && ::close(fd) != 0 && written)
-    {
-        written = false;
-        error = errno;
-    }
-    if (written && std::rename(temporary.c_str(), path.c_str()) == 0)
-    {
-        return true;
-    }
-    error = written ? errno : error;
-    ::unlink(temporary.c_str());
-    err << path << ": cannot be written: " << std::strerror(error) << '\n';
-    return false;
 }
 
 } // namespace qvreport

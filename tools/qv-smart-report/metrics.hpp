@@ -18,10 +18,4 @@ void writeOpenMetrics(std::ostream& out, const History& history);
 // collector takes.
 void writeTextfile(std::ostream& out, const History& history);
 
-// Replaces `path` with `text` in one step: written beside it, flushed to
-// disk, renamed over it. A reader of the file sees the old or the new text,
-// never a part. False, with the reason on `err`, when that fails.
-bool replaceFile(const std::string& path, const std::string& text,
-                 std::ostream& err);
-
 } // namespace qvreport

@@ -1,6 +1,7 @@
 #include "reportTool.hpp"
 
 #include "history.hpp"
+#include "historyViews.hpp"
 #include "htmlPage.hpp"
 #include "metrics.hpp"
 #include "verdict.hpp"
@@ -173,53 +174,6 @@ void writeJson(std::ostream& out, const std::string& file,
     out << line.dump(-1, ' ', false, Json::error_handler_t::replace) << '\n';
 }
 
-std::string csvCell(const std::string& text)
-{
-    if (text.find_first_of(",\"\n") == std::string::npos)
-    {
-        return text;
-    }
-    std::string quoted = "\"";
-    for (char c : text)
-    {
-        quoted += c == '"' ? std::string("\"\"") : std::string(1, c);
-    }
-    return quoted + '"';
-}
-
-TextTable::TextTable(std::vector<std::string> heading) :
-    rows{std::move(heading)}
-{}
-
-void TextTable::add(std::vector<std::string> row)
-{
-    rows.push_back(std::move(row));
-}
-
-void TextTable::print(std::ostream& out) const
-{
-    std::vector<size_t> widths(rows.front().size(), 0);
-    for (const auto& row : rows)
-    {
-        for (size_t i = 0; i < row.size(); ++i)
-        {
-            widths[i] = std::max(widths[i], row[i].size());
-        }
-    }
-    for (const auto& row : rows)
-    {
-        std::string line;
-        for (size_t i = 0; i + 1 < row.size(); ++i)
-        {
-            line += row[i] + std::string(widths[i] - row[i].size() + 1, ' ');
-        }
-        line += row.back();
-        // An empty last cell leaves no trailing blanks behind.
-        line.erase(line.find_last_not_of(' ') + 1);
-        out << line << '\n';
-    }
-}
-
 namespace
 {
 
@@ -246,6 +200,9 @@ struct Options
     Format format = Format::table;
     std::vector<std::string> paths;
     Period period;
+    HistoryOptions history;
+    // Only the reports of this many days up to today.
+    std::optional<int> recentDays;
     std::string output;
 };
 
@@ -286,8 +243,15 @@ CLI::App* addDaysCommand(CLI::App& app, Options& options, Command command,
     addDay(*sub, "--until", options.period.until,
            "last day to read, YYYY-MM-DD");
     addDay(*sub, "--date", options.period.date,
-           "day of SmartLogs.json/SmartRawData.json files, instead of "
-           "their modification time");
+           "day of the last run of SmartLogs.json/SmartRawData.json files, "
+           "instead of their modification time");
+    sub->add_option("--days", options.recentDays,
+                    "read only the reports of this many days up to today")
+        ->check(CLI::Range(1, 100000));
+    sub->add_option("--stale-after", options.history.staleAfter,
+                    "days without a reading after which a drive counts as "
+                    "gone (default 3)")
+        ->check(CLI::Range(1, 100000));
     sub->add_option("PATH", options.paths, "report files and directories")
         ->required();
     sub->final_callback([&options, command] { options.command = command; });
@@ -354,6 +318,8 @@ std::variant<Options, int> parseArgs(std::span<const std::string> args,
         format = "openmetrics";
     }
     options.format = formatOf(format);
+    options.history.keepDays = options.command == Command::html ||
+                               options.format == Format::openmetrics;
     return options;
 }
 
@@ -426,22 +392,20 @@ void writeHistory(std::ostream& out, const Options& options,
 int showDays(const Options& options, std::ostream& out, std::ostream& err)
 {
     bool intact = true;
-    HistoryBuilder builder;
-    for (const auto& file :
-         datedFiles(options.paths, options.period, err, intact))
+    Period period = options.period;
+    if (options.recentDays)
     {
-        auto each = [&](const Document& document) {
-            builder.add(file.day, document);
-        };
-        intact = readReportFile(file.path, err, each) && intact;
+        Day first = today() - std::chrono::days(*options.recentDays - 1);
+        period.since = std::max(period.since.value_or(first), first);
     }
-    const History history = builder.build();
+    const History history =
+        readHistory(datedFiles(options.paths, period, err, intact), period,
+                    options.history, err, intact);
     int status = intact ? exitOk : exitDamaged;
     for (const auto& drive : history.drives)
     {
-        // A drive gone before the last day was replaced: its state is no
-        // longer the server's.
-        if (drive.samples.back().day == history.lastDay)
+        // A drive gone was replaced: its state is no longer the server's.
+        if (!drive.vanished)
         {
             status |= verdictBits(drive.assessment.verdict);
         }

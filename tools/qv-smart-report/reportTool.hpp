@@ -25,22 +25,6 @@ enum ExitBit
 void writeJson(std::ostream& out, const std::string& file,
                const Document& document);
 
-// A cell of a csv row, quoted when it holds a comma, a quote or a line break.
-std::string csvCell(const std::string& text);
-
-// Rows printed once all are known: each column is as wide as its widest
-// cell; the last one is not padded.
-class TextTable
-{
-  public:
-    explicit TextTable(std::vector<std::string> heading);
-    void add(std::vector<std::string> row);
-    void print(std::ostream& out) const;
-
-  private:
-    std::vector<std::vector<std::string>> rows;
-};
-
 // The whole command: arguments without the program name.
 int runReportTool(std::span<const std::string> args, std::ostream& out,
                   std::ostream& err);

@@ -1,0 +1,270 @@
+#include "historyViews.hpp"
+
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <string_view>
+
+namespace qvreport
+{
+namespace
+{
+
+using Json = nlohmann::ordered_json;
+
+bool isCounter(Figure DriveHealth::*member)
+{
+    return std::ranges::find(warningCounters, member) != warningCounters.end();
+}
+
+std::string figureText(Figure value)
+{
+    return value ? std::to_string(*value) : "";
+}
+
+std::string dayCell(std::optional<Day> day)
+{
+    return day ? dayText(*day) : "";
+}
+
+std::string boolText(bool value)
+{
+    return value ? "true" : "false";
+}
+
+// The last reading's critical-warning bits; "none" when the NVMe drive
+// reports 0, nothing when it reports no bits at all.
+std::optional<std::vector<std::string>> warningNames(const DriveRecord& drive)
+{
+    const auto& bits = drive.latest.criticalWarning;
+    if (!bits)
+    {
+        return std::nullopt;
+    }
+    return criticalWarningNames(*bits);
+}
+
+// How the drive stands against the history's days: appeared after its
+// first, vanished before its last, or stale (no reading on the last day).
+std::string seenText(const DriveRecord& drive)
+{
+    std::vector<std::string> marks;
+    for (auto [mark, name] : {std::pair{drive.appeared, "appeared"},
+                              std::pair{drive.vanished, "vanished"},
+                              std::pair{drive.stale, "stale"}})
+    {
+        if (mark)
+        {
+            marks.emplace_back(name);
+        }
+    }
+    return marks.empty() ? "-" : joined(marks, ',');
+}
+
+Json trendJson(const Trend& trend, bool counter)
+{
+    Json figure{{"first", *trend.first},
+                {"last", *trend.last},
+                {"change", *trend.last - *trend.first},
+                {"min", *trend.min},
+                {"max", *trend.max}};
+    if (counter)
+    {
+        figure["rises"] = trend.rises;
+        figure["first_rose"] =
+            trend.firstRose ? Json(dayText(*trend.firstRose)) : Json();
+    }
+    return figure;
+}
+
+Json reasonsJson(const Assessment& assessment)
+{
+    Json reasons = Json::array();
+    for (const auto& reason : assessment.reasons)
+    {
+        reasons.push_back(
+            {{"verdict", verdictName(reason.verdict)},
+             {"figure", reason.figure},
+             {"text", reason.text},
+             {"since", reason.since ? Json(dayText(*reason.since)) : Json()}});
+    }
+    return reasons;
+}
+
+Json driveJson(const DriveRecord& drive)
+{
+    Json figures = Json::object();
+    for (const auto& column : figureColumns)
+    {
+        if (const auto& trend = drive.trend(column.figure); trend.first)
+        {
+            figures[std::string(column.name)] =
+                trendJson(trend, isCounter(column.figure));
+        }
+    }
+    auto warnings = warningNames(drive);
+    return Json{{"fqdd", drive.fqdd},
+                {"class", drive.driveClass},
+                {"first_day", dayText(drive.firstDay)},
+                {"last_day", dayText(drive.lastDay)},
+                {"days", drive.days},
+                {"appeared", drive.appeared},
+                {"vanished", drive.vanished},
+                {"stale", drive.stale},
+                {"verdict", verdictName(drive.assessment.verdict)},
+                {"reasons", reasonsJson(drive.assessment)},
+                {"figures", figures},
+                {"critical_warning", warnings ? Json(*warnings) : Json()}};
+}
+
+std::vector<std::string_view> figureParts(const FigureColumn& column)
+{
+    std::vector<std::string_view> parts{"first", "last", "change", "min",
+                                        "max"};
+    if (isCounter(column.figure))
+    {
+        parts.emplace_back("first_rose");
+    }
+    return parts;
+}
+
+std::vector<std::string> csvColumns()
+{
+    std::vector<std::string> columns{
+        "fqdd",     "class",    "first_day", "last_day", "days",
+        "appeared", "vanished", "stale",     "verdict",  "reasons"};
+    for (const auto& column : figureColumns)
+    {
+        for (auto part : figureParts(column))
+        {
+            columns.push_back(std::string(column.name) + '_' +
+                              std::string(part));
+        }
+    }
+    columns.emplace_back("critical_warning");
+    return columns;
+}
+
+std::string trendPart(const Trend& trend, std::string_view part)
+{
+    if (!trend.first)
+    {
+        return "";
+    }
+    if (part == "first_rose")
+    {
+        return dayCell(trend.firstRose);
+    }
+    if (part == "change")
+    {
+        return std::to_string(*trend.last - *trend.first);
+    }
+    return figureText(part == "first"  ? trend.first
+                      : part == "last" ? trend.last
+                      : part == "min"  ? trend.min
+                                       : trend.max);
+}
+
+std::vector<std::string> csvRow(const DriveRecord& drive)
+{
+    std::vector<std::string> row{drive.fqdd,
+                                 drive.driveClass,
+                                 dayText(drive.firstDay),
+                                 dayText(drive.lastDay),
+                                 std::to_string(drive.days),
+                                 boolText(drive.appeared),
+                                 boolText(drive.vanished),
+                                 boolText(drive.stale),
+                                 std::string(verdictName(
+                                     drive.assessment.verdict)),
+                                 drive.assessment.reasonsText()};
+    for (const auto& column : figureColumns)
+    {
+        for (auto part : figureParts(column))
+        {
+            row.push_back(trendPart(drive.trend(column.figure), part));
+        }
+    }
+    auto warnings = warningNames(drive);
+    row.push_back(!warnings         ? ""
+                  : warnings->empty() ? "none"
+                                      : joined(*warnings, ';'));
+    return row;
+}
+
+// The last value, and its change over the history when there is one.
+std::string trendCell(const Trend& trend)
+{
+    if (!trend.first)
+    {
+        return "-";
+    }
+    auto change = *trend.last - *trend.first;
+    return std::to_string(*trend.last) +
+           (change == 0 ? ""
+                        : "(" + std::string(change > 0 ? "+" : "") +
+                              std::to_string(change) + ")");
+}
+
+std::string orDash(Figure value)
+{
+    return value ? std::to_string(*value) : "-";
+}
+
+} // namespace
+
+void writeHistoryJson(std::ostream& out, const History& history)
+{
+    Json drives = Json::array();
+    for (const auto& drive : history.drives)
+    {
+        drives.push_back(driveJson(drive));
+    }
+    Json whole{{"first_day", history.firstDay
+                                 ? Json(dayText(*history.firstDay))
+                                 : Json()},
+               {"last_day",
+                history.lastDay ? Json(dayText(*history.lastDay)) : Json()},
+               {"drives", drives}};
+    out << whole.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
+}
+
+void writeHistoryCsv(std::ostream& out, const History& history)
+{
+    writeCsvRow(out, csvColumns());
+    for (const auto& drive : history.drives)
+    {
+        writeCsvRow(out, csvRow(drive));
+    }
+}
+
+void writeHistoryTable(std::ostream& out, const History& history)
+{
+    std::vector<std::string> heading{"FQDD",     "CLASS", "FIRST_DAY",
+                                     "LAST_DAY", "SEEN",  "TEMP_MIN",
+                                     "TEMP_MAX"};
+    for (const auto& column : figureColumns)
+    {
+        heading.emplace_back(column.heading);
+    }
+    heading.insert(heading.end(), {"VERDICT", "REASONS"});
+    TextTable table(heading);
+    for (const auto& drive : history.drives)
+    {
+        const auto& temperature = drive.trend(&DriveHealth::temperatureC);
+        std::vector<std::string> row{
+            drive.fqdd,          drive.driveClass,      dayText(drive.firstDay),
+            dayText(drive.lastDay), seenText(drive),    orDash(temperature.min),
+            orDash(temperature.max)};
+        for (const auto& column : figureColumns)
+        {
+            row.push_back(trendCell(drive.trend(column.figure)));
+        }
+        row.emplace_back(verdictName(drive.assessment.verdict));
+        row.push_back(drive.assessment.reasonsText());
+        table.add(std::move(row));
+    }
+    table.print(out);
+}
+
+} // namespace qvreport

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <ostream>
+#include <string>
+#include <vector>
+
+namespace qvreport
+{
+
+// The names one after the other, `separator` between them.
+std::string joined(const std::vector<std::string>& names, char separator);
+
+// A cell of a csv row, quoted when it holds a comma, a quote or a line break.
+std::string csvCell(const std::string& text);
+
+// One csv row of cells, each quoted as it needs.
+void writeCsvRow(std::ostream& out, const std::vector<std::string>& cells);
+
+// Rows printed once all are known: each column is as wide as its widest
+// cell; the last one is not padded.
+class TextTable
+{
+  public:
+    explicit TextTable(std::vector<std::string> heading);
+    void add(std::vector<std::string> row);
+    void print(std::ostream& out) const;
+
+  private:
+    std::vector<std::vector<std::string>> rows;
+};
+
+// Replaces `path` with `text` in one step: written beside it, flushed to
+// disk, renamed over it. A reader of the file sees the old or the new text,
+// never a part. False, with the reason on `err`, when that fails.
+bool replaceFile(const std::string& path, const std::string& text,
+                 std::ostream& err);
+
+} // namespace qvreport
