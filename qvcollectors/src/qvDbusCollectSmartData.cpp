@@ -2,6 +2,7 @@
 
 #include "dlog.hpp"
 #include "qvDbusCollectCommon.hpp"
+#include "qvSmartReportNames.hpp"
 #include "utl.hpp"
 
 #include <fcntl.h>
@@ -836,27 +837,27 @@ void writeSasSataMembers(std::ofstream& stream, const DriveSmartRecord& record)
 {
     const auto& values = record.sasSata;
     const std::array<Member, 20> members{{
-        {"Protocol", record.protocol},
+        {reportNames::protocol, record.protocol},
         {"Read Error Rate", values.readErrorDate},
-        {"Reallocated block count", values.reallocatedBlockCount},
-        {"Power On hours", values.powerOnHours},
+        {reportNames::ssd::reallocated, values.reallocatedBlockCount},
+        {reportNames::ssd::powerOnHours, values.powerOnHours},
         {"Power Cycle Count", values.powerCycleCount},
         {"ECCERate", values.ecceRate},
         {"usedReservedBlockCount", values.usedReservedBlockCount},
         {"unusedReservedBlockCount", values.unusedReservedBlockCount},
         {"programFailCount", values.programFailCount},
         {"eraseFailCount", values.eraseFailCount},
-        {"commandTimeout", values.commandTimeout},
-        {"Drive Temp", values.driveTemperature},
-        {"uncorrectableErrorCount", values.uncorrectableErrorCount},
+        {reportNames::ssd::commandTimeout, values.commandTimeout},
+        {reportNames::ssd::temperature, values.driveTemperature},
+        {reportNames::ssd::uncorrectable, values.uncorrectableErrorCount},
         {"uncorrectableLBACount", values.uncorrectableLBACount},
-        {"CRCErrorCount", values.crcErrorCount},
+        {reportNames::ssd::crcErrors, values.crcErrorCount},
         {"volatileMemoryBackupSourceFailures",
          values.volatileMemoryBackupSourceFailures},
         {"exceptionModeStatus", values.exceptionModeStatus},
         {"mediaWriteCount", values.mediaWriteCount},
-        {"percentDriveLifeRemaining", values.percentDriveLifeRemaining},
-        {"currentPendingSectorCount", values.currentPendingSectorCount},
+        {reportNames::ssd::lifeRemaining, values.percentDriveLifeRemaining},
+        {reportNames::ssd::pending, values.currentPendingSectorCount},
     }};
     writeMembers(stream, members);
 }
@@ -867,12 +868,12 @@ void writeNvmeMembers(std::ofstream& stream, const DriveSmartRecord& record)
     const uint16_t statusField = values.errorInfoLogRecordStatusField;
     const uint16_t location = values.errorInfoLogRecordParameterErrorLocation;
     const std::array<Member, 48> members{{
-        {"Protocol", record.protocol},
-        {"Critical Warning", values.criticalWarning},
-        {"Composite Temperature", values.compositeTemparature},
-        {"Available Spare", values.availableSpare},
-        {"Available Spare Threshold", values.availableSpareThreshold},
-        {"Percentage used", values.percentageUsed},
+        {reportNames::protocol, record.protocol},
+        {reportNames::nvme::criticalWarning, values.criticalWarning},
+        {reportNames::nvme::temperature, values.compositeTemparature},
+        {reportNames::nvme::availableSpare, values.availableSpare},
+        {reportNames::nvme::spareThreshold, values.availableSpareThreshold},
+        {reportNames::nvme::percentageUsed, values.percentageUsed},
         {"Data Units Read Lower", values.dataUnitsReadLower},
         {"Data Units Read Upper", values.dataUnitsReadUpper},
         {"Data Units Written Lower", values.dataUnitsWrittenLower},
@@ -885,13 +886,13 @@ void writeNvmeMembers(std::ofstream& stream, const DriveSmartRecord& record)
         {"ControllerBusyTime Upper", values.controllerBusyTimeUpper},
         {"PowerCycles Lower", values.powerCyclesLower},
         {"PowerCycles Upper", values.powerCyclesUpper},
-        {"PowerOnHours Lower", values.powerOnHoursLower},
-        {"PowerOnHours Upper", values.powerOnHoursUpper},
+        {reportNames::nvme::powerOnHoursLower, values.powerOnHoursLower},
+        {reportNames::nvme::powerOnHoursUpper, values.powerOnHoursUpper},
         {"UnsafeShutdowns Lower", values.unsafeShutdownsLower},
         {"UnsafeShutdowns Upper", values.unsafeShutdownsUpper},
-        {"MediaAndDataIntegrityErrs Lower",
+        {reportNames::nvme::mediaErrorsLower,
          values.mediaAndDataIntegrityErrsLower},
-        {"MediaAndDataIntegrityErrs Upper",
+        {reportNames::nvme::mediaErrorsUpper,
          values.mediaAndDataIntegrityErrsUpper},
         {"NumOfErrorInfoLogEntries Lower",
          values.numOfErrorInfoLogEntriesLower},
@@ -926,18 +927,9 @@ void writeNvmeMembers(std::ofstream& stream, const DriveSmartRecord& record)
     writeMembers(stream, members);
 }
 
-// Head of each page group, by slot, up to the page code.
-constexpr std::array<const char*, sataLogPageCount> sataPageHeads{
-    "\"suppLogPages(", "\"genStatistics(", "\"rotaStatistics(",
-    "\"genErrStatistics(", "\"tempStatistics("};
-constexpr std::array<const char*, sasLogPageCount> sasPageHeads{
-    "\"readErrCounter(",
-    "\"writeErrCounter(",
-    "\"verifyErrCounter(",
-    "\"nonMediumErrCounter(",
-    "\"startStopCycleCounter(",
-    "\"backGrndScanResult(",
-    "\"temperature("};
+// One page group a page of the storage service's reply.
+static_assert(reportNames::sataPages.size() == sataLogPageCount);
+static_assert(reportNames::sasPages.size() == sasLogPageCount);
 
 // The separators and closing text of the raw-data report assume that every
 // hard-drive record leaves one page group open. A record with nothing to
@@ -1321,8 +1313,8 @@ void CollectionRun::writePageGroups(HardDriveKind kind)
 {
     const std::span<const char* const> heads =
         kind == HardDriveKind::sas
-            ? std::span<const char* const>(sasPageHeads)
-            : std::span<const char* const>(sataPageHeads);
+            ? std::span<const char* const>(reportNames::sasPages)
+            : std::span<const char* const>(reportNames::sataPages);
     int written = 0;
     for (size_t slot = 0; slot < heads.size(); ++slot)
     {
@@ -1339,8 +1331,8 @@ void CollectionRun::writePageGroups(HardDriveKind kind)
         }
         // The code follows the stream's current base: decimal before the
         // first dump of the run, hexadecimal after it.
-        rawStream << heads[slot] << static_cast<int>(page.pageCode)
-                  << ")\": {\n";
+        rawStream << '"' << heads[slot] << '('
+                  << static_cast<int>(page.pageCode) << ")\": {\n";
         hexdump(page.pageData.data(), static_cast<int>(shown), rawStream);
         ++written;
     }

@@ -1,0 +1,53 @@
+#pragma once
+
+#include <array>
+
+// The names of the members and page groups in the collector's reports, as
+// the collector writes them and as qv-smart-report looks for them: one list,
+// so that the writer and the reader cannot drift apart.
+namespace reportNames
+{
+
+inline constexpr const char* protocol = "Protocol";
+
+// Members of a SAS/SATA solid-state drive's record.
+namespace ssd
+{
+inline constexpr const char* reallocated = "Reallocated block count";
+inline constexpr const char* powerOnHours = "Power On hours";
+inline constexpr const char* commandTimeout = "commandTimeout";
+inline constexpr const char* temperature = "Drive Temp";
+inline constexpr const char* uncorrectable = "uncorrectableErrorCount";
+inline constexpr const char* crcErrors = "CRCErrorCount";
+inline constexpr const char* lifeRemaining = "percentDriveLifeRemaining";
+inline constexpr const char* pending = "currentPendingSectorCount";
+} // namespace ssd
+
+// Members of an NVMe drive's record; a 128-bit counter is two members,
+// "<name> Lower" and "<name> Upper".
+namespace nvme
+{
+inline constexpr const char* criticalWarning = "Critical Warning";
+inline constexpr const char* temperature = "Composite Temperature";
+inline constexpr const char* availableSpare = "Available Spare";
+inline constexpr const char* spareThreshold = "Available Spare Threshold";
+inline constexpr const char* percentageUsed = "Percentage used";
+inline constexpr const char* powerOnHoursLower = "PowerOnHours Lower";
+inline constexpr const char* powerOnHoursUpper = "PowerOnHours Upper";
+inline constexpr const char* mediaErrorsLower =
+    "MediaAndDataIntegrityErrs Lower";
+inline constexpr const char* mediaErrorsUpper =
+    "MediaAndDataIntegrityErrs Upper";
+} // namespace nvme
+
+// A hard drive's page groups, "<name>(<page code>)", in the order of the
+// storage service's reply.
+inline constexpr std::array<const char*, 5> sataPages = {
+    "suppLogPages", "genStatistics", "rotaStatistics", "genErrStatistics",
+    "tempStatistics"};
+inline constexpr std::array<const char*, 7> sasPages = {
+    "readErrCounter",      "writeErrCounter",       "verifyErrCounter",
+    "nonMediumErrCounter", "startStopCycleCounter", "backGrndScanResult",
+    "temperature"};
+
+} // namespace reportNames
