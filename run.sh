@@ -9,6 +9,7 @@
 #   ./run.sh test-aarch64     cross-build for AArch64, run the tests under qemu
 #   ./run.sh bench [RUNS]     the collector against its floor, the reader's history (bench/README.md)
 #   ./run.sh mutate [PATTERN] the suite against realistic bugs (tests/README.md)
+#   ./run.sh evaluate [DATA]  real drives through collector and reader (tools/evaluate/README.md)
 set -euo pipefail
 
 here=$(cd "$(dirname "$0")" && pwd)
@@ -353,6 +354,17 @@ case "${1:-}" in
         fi
         exit $status
         ;;
+    evaluate)
+        # Not part of `test`: minutes of collector runs over real drives'
+        # figures, read from DATA (default ../shared/realdata beside the
+        # checkout), never copied into the project.
+        compile > "$here/.evaluate-build.log" 2>&1 || {
+            cat "$here/.evaluate-build.log" >&2
+            exit 1
+        }
+        exec python3 "$here/tools/evaluate/evaluate.py" --build "$build" \
+            --data "${2:-${QV_REALDATA:-$here/../shared/realdata}}"
+        ;;
     mutate)
         # Not part of `test`: one build and one suite run per mutation.
         installPackages rsync
@@ -364,7 +376,7 @@ case "${1:-}" in
         exec "$here/tests/fuzz/run-fuzz.sh" "${2:-300}"
         ;;
     *)
-        echo "usage: $0 demo|test|tidy|format|size|test-aarch64|fuzz [SECONDS]|bench [RUNS]|mutate [PATTERN]" >&2
+        echo "usage: $0 demo|test|tidy|format|size|test-aarch64|fuzz [SECONDS]|bench [RUNS]|mutate [PATTERN]|evaluate [DATA]" >&2
         exit 64
         ;;
 esac

@@ -1,6 +1,7 @@
 #include "verdict.hpp"
 
 #include <algorithm>
+#include <array>
 
 namespace qvreport
 {
@@ -14,6 +15,28 @@ constexpr std::int64_t lifeLowPercent = 10;
 constexpr std::int64_t usedHighPercent = 90;
 constexpr std::int64_t usedUpPercent = 100;
 constexpr std::uint64_t temperatureWarningBit = 1U << 1;
+
+// A counter warns on any count; from failAt on (0: never) a single report
+// of it fails the drive. A few remapped or unreadable sectors are common on
+// drives that keep running; the thresholds (README, "Verdicts") are where
+// they stop being common on drives that keep running.
+struct CounterRule
+{
+    Figure DriveHealth::*member;
+    std::int64_t failAt;
+};
+
+constexpr std::int64_t mediaErrorsThatFail = 16;
+constexpr std::int64_t reallocatedThatFail = 100;
+constexpr std::int64_t pendingThatFail = 16;
+
+// CRC errors point at the cable or the backplane, never at the medium.
+constexpr std::array<CounterRule, 4> counterRules = {{
+    {&DriveHealth::mediaErrors, mediaErrorsThatFail},
+    {&DriveHealth::crcErrors, 0},
+    {&DriveHealth::reallocated, reallocatedThatFail},
+    {&DriveHealth::pending, pendingThatFail},
+}};
 
 std::string compared(Figure DriveHealth::*member, std::int64_t value,
                      std::string_view relation, std::int64_t threshold)
@@ -80,13 +103,20 @@ void nvmeReasons(const DriveHealth& drive, std::vector<Reason>& found)
 
 void counterReasons(const DriveHealth& drive, std::vector<Reason>& found)
 {
-    for (auto member : warningCounters)
+    for (const auto& rule : counterRules)
     {
-        if (auto count = drive.*member; count && *count > 0)
+        auto count = drive.*rule.member;
+        if (!count || *count <= 0)
         {
-            found.push_back({Verdict::warning, std::string(figureName(member)),
-                             compared(member, *count, ">", 0), std::nullopt});
+            continue;
         }
+        bool fails = rule.failAt > 0 && *count >= rule.failAt;
+        found.push_back({fails ? Verdict::failed : Verdict::warning,
+                         std::string(figureName(rule.member)),
+                         fails
+                             ? compared(rule.member, *count, ">=", rule.failAt)
+                             : compared(rule.member, *count, ">", 0),
+                         std::nullopt});
     }
 }
 

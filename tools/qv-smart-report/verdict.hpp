@@ -46,15 +46,17 @@ struct Assessment
 // The thresholds one report's figures are held to.
 std::vector<Reason> snapshotReasons(const DriveHealth& drive);
 
-// The counters that field studies tie to coming failure. Any non-zero value
-// warns; one that keeps rising across a history fails.
-inline constexpr std::array<Figure DriveHealth::*, 4> failureCounters = {
-    &DriveHealth::mediaErrors, &DriveHealth::reallocated, &DriveHealth::pending,
-    &DriveHealth::commandTimeouts};
+// The counters that field studies tie to coming failure: any non-zero value
+// warns, a count past its threshold fails, and so does one that keeps rising
+// across a history. Command timeouts are not among them: on real fleets they
+// are as common on healthy drives as on failing ones.
+inline constexpr std::array<Figure DriveHealth::*, 3> failureCounters = {
+    &DriveHealth::mediaErrors, &DriveHealth::reallocated,
+    &DriveHealth::pending};
 
 // The counters a drive keeps of faults it could not hide, in the order of
-// their reasons: any non-zero value warns. CRC errors point at the cable,
-// so only the others can fail a drive.
+// their reasons; a history follows how each of them rose. Which of them warn
+// or fail, and from which count, is counterRules in verdict.cpp.
 inline constexpr std::array<Figure DriveHealth::*, 5> warningCounters = {
     &DriveHealth::mediaErrors, &DriveHealth::crcErrors,
     &DriveHealth::reallocated, &DriveHealth::pending,

@@ -1,0 +1,450 @@
+#!/usr/bin/env python3
+"""The collector and its reader over real drives (see README.md).
+
+usage: evaluate.py --build DIR [--data DIR] [--jobs N] [--keep DIR]
+"""
+import argparse
+import csv
+import datetime
+import glob
+import hashlib
+import json
+import os
+import queue
+import shutil
+import statistics
+import subprocess
+import sys
+import tempfile
+from concurrent.futures import ThreadPoolExecutor
+
+import scenario as sc
+
+BAYS = 24
+FIVE = (5, 187, 188, 197, 198)
+# The thresholds were chosen on these two files; the others are held out.
+TRAINING = ("bb2019_ST8000DM002_lastday.csv",
+            "bb2019_ST8000NM0055_lastday.csv")
+# The Toshiba file keeps the last ten days of each drive, whatever their
+# dates: its drives are laid over the same ten days, their last row on the
+# last of them.
+ALIGNED = "bb2019_TOSHIBA_MQ01ABF050_last10days.csv"
+ALIGNED_LAST = datetime.date(2019, 12, 31)
+ALIGNED_DAYS = 10
+
+
+def raw(row, number):
+    text = row.get(f"smart_{number}_raw")
+    return int(float(text)) if text not in (None, "") else None
+
+
+def load_backblaze(path):
+    """Drives of one file, as the realdata summary defines them."""
+    by_serial = {}
+    last_date = ""
+    with open(path, newline="") as fh:
+        reader = csv.DictReader(fh)
+        columns = {int(name.split("_")[1]) for name in reader.fieldnames
+                   if name.startswith("smart_") and name.endswith("_raw")}
+        for row in reader:
+            by_serial.setdefault(row["serial_number"], []).append(row)
+            last_date = max(last_date, row["date"])
+    drives = []
+    for serial, rows in by_serial.items():
+        rows.sort(key=lambda r: r["date"])
+        failed = any(r["failure"] == "1" for r in rows)
+        if not failed and rows[-1]["date"] != last_date:
+            continue  # left service without failing
+        last = rows[-1]
+        drives.append({"serial": serial, "model": last["model"],
+                       "rows": rows, "failed": failed,
+                       "five": any((raw(last, n) or 0) > 0
+                                   for n in FIVE if n in columns)})
+    # A repeatable mix of failed and healthy drives in each server.
+    drives.sort(key=lambda d: hashlib.sha1(d["serial"].encode()).hexdigest())
+    return drives, columns, last_date
+
+
+def daily_rows(name, drive, last_date):
+    """[(day, row)] of a drive, on the days its server is collected."""
+    rows = drive["rows"]
+    if name == ALIGNED:
+        first = ALIGNED_LAST - datetime.timedelta(days=len(rows) - 1)
+        return [(first + datetime.timedelta(days=i), row)
+                for i, row in enumerate(rows)]
+    if "lastday" in name:
+        # One run per server: the drive's last row, on the file's last day.
+        return [(datetime.date.fromisoformat(last_date), rows[-1])]
+    return [(datetime.date.fromisoformat(r["date"]), r) for r in rows]
+
+
+class Bus:
+    """A private dbus-daemon on an abstract socket, reachable in bwrap."""
+
+    def __init__(self, scratch):
+        conf = os.path.join(scratch, "bus.conf")
+        with open(conf, "w") as fh:
+            fh.write(f"<busconfig><type>system</type>"
+                     f"<listen>unix:abstract={scratch}/bus</listen>"
+                     "<auth>EXTERNAL</auth><policy context=\"default\">"
+                     "<allow user=\"*\"/><allow own=\"*\"/>"
+                     "<allow send_destination=\"*\" eavesdrop=\"true\"/>"
+                     "<allow receive_sender=\"*\"/></policy></busconfig>")
+        self.process = subprocess.Popen(
+            ["dbus-daemon", "--config-file=" + conf, "--nofork",
+             "--nopidfile", "--print-address"], stdout=subprocess.PIPE,
+            stderr=subprocess.DEVNULL, text=True)
+        self.address = self.process.stdout.readline().strip()
+
+    def stop(self):
+        self.process.terminate()
+        self.process.wait()
+
+
+class Collector:
+    """One bus, the simulator and the shipped collector in its sandbox."""
+
+    def __init__(self, build, work):
+        self.build = build
+        self.scratch = tempfile.mkdtemp(dir=work)
+        self.bus = Bus(self.scratch)
+        self.env = dict(os.environ, DBUS_SYSTEM_BUS_ADDRESS=self.bus.address,
+                        DBUS_STARTER_BUS_TYPE="system")
+
+    def run(self, scenario, dest, day):
+        """One daily run; its files land in dest, dated day. Exit code."""
+        run = tempfile.mkdtemp(dir=self.scratch)
+        path = os.path.join(run, "scenario.json")
+        with open(path, "w") as fh:
+            json.dump(scenario, fh)
+        os.makedirs(os.path.join(run, "mmc2"))
+        sim = subprocess.Popen(
+            [os.path.join(self.build, "tools/storage-sim/storage-sim"),
+             "--scenario", path], stdout=subprocess.PIPE, text=True,
+            env=self.env)
+        try:
+            if sim.stdout.readline().strip() != "ready":
+                raise RuntimeError(f"storage-sim refused {path}")
+            env = dict(self.env, PLATFORM_SMART_TABLES=path,
+                       DLOG_FILE=os.path.join(run, "dlog.log"))
+            rc = subprocess.run(
+                ["bwrap", "--ro-bind", "/usr", "/usr",
+                 "--symlink", "usr/lib", "/lib",
+                 "--symlink", "usr/lib64", "/lib64",
+                 "--symlink", "usr/bin", "/bin", "--ro-bind", "/etc", "/etc",
+                 "--dev", "/dev", "--proc", "/proc", "--bind", run, run,
+                 "--bind", os.path.join(run, "mmc2"), "/mmc2",
+                 "--ro-bind", self.build, self.build,
+                 os.path.join(self.build,
+                              "qvcollectors/qv-smart-collector"), "1"],
+                env=env, stdout=subprocess.DEVNULL,
+                stderr=subprocess.DEVNULL).returncode
+        finally:
+            sim.terminate()
+            sim.wait()
+        written = os.path.join(run, "mmc2/mas032/smartlogs")
+        os.makedirs(dest, exist_ok=True)
+        stamp = day.strftime("%Y%m%d")
+        for name in sorted(os.listdir(written)):
+            shutil.move(os.path.join(written, name),
+                        os.path.join(dest, name[:2] + stamp + ".json"))
+        shutil.rmtree(run)
+        return rc
+
+    def stop(self):
+        self.bus.stop()
+        shutil.rmtree(self.scratch, ignore_errors=True)
+
+
+def run_all(build, work, jobs, tasks):
+    """tasks: [(scenario, dest, day)] -> [exit code], over jobs buses."""
+    pool = queue.Queue()
+    collectors = [Collector(build, work) for _ in range(jobs)]
+    for c in collectors:
+        pool.put(c)
+
+    def one(task):
+        c = pool.get()
+        try:
+            return c.run(*task)
+        finally:
+            pool.put(c)
+    try:
+        with ThreadPoolExecutor(jobs) as ex:
+            return list(ex.map(one, tasks))
+    finally:
+        for c in collectors:
+            c.stop()
+
+
+def reader(build, *args):
+    return subprocess.run(
+        [os.path.join(build, "tools/qv-smart-report/qv-smart-report"),
+         *args], capture_output=True, text=True)
+
+
+# ---------------------------------------------------------------------------
+# Backblaze
+
+
+def backblaze_tasks(name, drives, columns, last_date, work):
+    """Collector runs of one file; {server dir: {fqdd: drive}}."""
+    servers = {}
+    tasks = []
+    for number, start in enumerate(range(0, len(drives), BAYS)):
+        dest = os.path.join(work, name[:-4], f"server{number + 1}")
+        bays = {}
+        days = {}
+        for bay, drive in enumerate(drives[start:start + BAYS]):
+            fqdd = sc.fqdd_of(bay, number + 1)
+            bays[fqdd] = drive
+            drive["days"] = daily_rows(name, drive, last_date)
+            for day, row in drive["days"]:
+                days.setdefault(day, []).append((fqdd, drive, row))
+        for day in sorted(days):
+            scenario = sc.empty_scenario()
+            for fqdd, drive, row in days[day]:
+                sc.add_sata_hdd(scenario, fqdd, drive["model"],
+                                sc.backblaze_values(row, columns))
+            tasks.append((scenario, dest, day))
+        servers[dest] = bays
+    return servers, tasks
+
+
+def read_server(build, dest, bays, problems):
+    result = reader(build, "history", "--format", "json", dest)
+    if result.returncode & 3:
+        problems.append(f"{dest}: history exit {result.returncode}: "
+                        f"{result.stderr.strip()[:200]}")
+    history = json.loads(result.stdout)
+    export = reader(build, "export", "--format", "textfile", dest)
+    if export.returncode & 3 or "qv_smart_device_verdict" not in export.stdout:
+        problems.append(f"{dest}: export exit {export.returncode}")
+    seen = set()
+    for entry in history["drives"]:
+        drive = bays.get(entry["fqdd"])
+        if drive is None:
+            problems.append(f"{dest}: unknown drive {entry['fqdd']}")
+            continue
+        seen.add(entry["fqdd"])
+        drive["verdict"] = entry["verdict"]
+        drive["last_day"] = entry["last_day"]
+        expected = drive["days"][-1][0].isoformat()
+        if entry["last_day"] != expected:
+            problems.append(f"{drive['serial']}: last day {entry['last_day']}"
+                            f", its last row {expected}")
+        since = [r["since"] for r in entry.get("reasons", []) if r["since"]]
+        drive["since"] = min(since) if since else None
+    for fqdd in set(bays) - seen:
+        problems.append(f"{dest}: {bays[fqdd]['serial']} not in the history")
+
+
+def share(hit, total):
+    return f"{hit}/{total} {100.0 * hit / total:5.1f}%" if total else "-"
+
+
+def tally(drives, multi_day):
+    failed = [d for d in drives if d["failed"]]
+    healthy = [d for d in drives if not d["failed"]]
+
+    def warned(group):
+        return sum(d.get("verdict") in ("WARNING", "FAILED") for d in group)
+
+    def failing(group):
+        return sum(d.get("verdict") == "FAILED" for d in group)
+    leads = [(datetime.date.fromisoformat(d["last_day"]) -
+              datetime.date.fromisoformat(d["since"])).days
+             for d in failed if multi_day and d.get("since") and
+             d.get("verdict") in ("WARNING", "FAILED")]
+    return {"n_failed": len(failed), "n_healthy": len(healthy),
+            "f_warn": warned(failed), "f_fail": failing(failed),
+            "h_warn": warned(healthy), "h_fail": failing(healthy),
+            "f_five": sum(d["five"] for d in failed),
+            "h_five": sum(d["five"] for d in healthy), "leads": leads}
+
+
+def add_tallies(parts):
+    total = {k: 0 for k in parts[0] if k != "leads"}
+    total["leads"] = []
+    for part in parts:
+        for key, value in part.items():
+            total[key] = total[key] + value
+    return total
+
+
+def table_rows(results):
+    head = ("FILE", "SET", "FAILED WARN+", "FAILED FAILED", "HEALTHY WARN+",
+            "HEALTHY FAILED", "LEAD DAYS", "5-ATTR FAILED", "5-ATTR HEALTHY")
+    rows = [head]
+    for name, kind, t in results:
+        lead = f"{statistics.median(t['leads']):g} ({len(t['leads'])})" \
+            if t["leads"] else "-"
+        rows.append((name, kind, share(t["f_warn"], t["n_failed"]),
+                     share(t["f_fail"], t["n_failed"]),
+                     share(t["h_warn"], t["n_healthy"]),
+                     share(t["h_fail"], t["n_healthy"]), lead,
+                     share(t["f_five"], t["n_failed"]),
+                     share(t["h_five"], t["n_healthy"])))
+    return rows
+
+
+def print_table(rows):
+    widths = [max(len(r[i]) for r in rows) for i in range(len(rows[0]))]
+    for r in rows:
+        print("  ".join(c.ljust(w) for c, w in zip(r, widths)).rstrip())
+
+
+# ---------------------------------------------------------------------------
+# smartctl
+
+
+WARNING_BITS = ("spare-below-threshold", "temperature",
+                "reliability-degraded", "read-only",
+                "volatile-backup-failed", "pmr-read-only")
+
+
+def warning_bits(text):
+    if text in ("", "none"):
+        return 0 if text == "none" else None
+    value = 0
+    for name in text.split(";"):
+        value |= 1 << (WARNING_BITS.index(name) if name in WARNING_BITS
+                       else int(name[3:]))
+    return value
+
+
+def smartctl_drives(data, build, work, jobs, problems):
+    files = sorted(glob.glob(os.path.join(data, "smartctl_json/*/*.json")))
+    drives = []
+    for number, start in enumerate(range(0, len(files), BAYS)):
+        scenario = sc.empty_scenario()
+        for bay, path in enumerate(files[start:start + BAYS]):
+            with open(path) as fh:
+                doc = json.load(fh)
+            fqdd = sc.fqdd_of(bay, 100 + number)
+            cls, expected, notes = sc.smartctl_drive(
+                doc, fqdd, start + bay, scenario)
+            drives.append({"file": os.path.relpath(path, os.path.join(
+                               data, "smartctl_json")), "fqdd": fqdd,
+                           "class": cls, "expected": expected,
+                           "notes": notes, "passed": doc.get(
+                               "smart_status", {}).get("passed"),
+                           "dest": os.path.join(work, "smartctl",
+                                                f"server{number + 1}")})
+        drives[-1]["scenario"] = scenario
+    tasks = [(d["scenario"], d["dest"], datetime.date(2026, 1, 1))
+             for d in drives if "scenario" in d]
+    for rc in run_all(build, work, jobs, tasks):
+        if rc != 0:
+            problems.append(f"smartctl server: collector exit {rc}")
+    rows = {}
+    for dest in sorted({d["dest"] for d in drives}):
+        result = reader(build, "--format", "csv",
+                        *sorted(glob.glob(os.path.join(dest, "*.json"))))
+        if result.returncode & 3:
+            problems.append(f"{dest}: reader exit {result.returncode}")
+        for row in csv.DictReader(result.stdout.splitlines()):
+            rows[row["fqdd"]] = row
+    return drives, rows
+
+
+def compare_smartctl(drives, rows):
+    lines = []
+    for d in drives:
+        if d["class"] is None:
+            lines.append((d["file"], "-", "left out", "; ".join(d["notes"])))
+            continue
+        row = rows.get(d["fqdd"])
+        if row is None:
+            lines.append((d["file"], d["class"], "MISSING", "not in report"))
+            continue
+        wrong = []
+        if row["class"] != d["class"]:
+            wrong.append(f"class {row['class']}")
+        for figure, value in d["expected"].items():
+            if value is None:
+                continue
+            got = row[figure]
+            got = warning_bits(got) if figure == "critical_warning" else \
+                (int(got) if got else None)
+            if got != value:
+                wrong.append(f"{figure} {value} -> {got}")
+        if d["passed"] is False and row["verdict"] != "FAILED":
+            wrong.append(f"smartctl FAILED, reader {row['verdict']}")
+        status = "MISMATCH" if wrong else "ok"
+        notes = "; ".join(wrong + d["notes"])
+        lines.append((d["file"], d["class"], f"{status} {row['verdict']}",
+                      notes if len(notes) <= 160 else notes[:157] + "..."))
+    return lines
+
+
+def main():
+    here = os.path.dirname(os.path.abspath(__file__))
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("--build", required=True)
+    parser.add_argument("--data", default=os.path.join(
+        here, "../../../shared/realdata"))
+    parser.add_argument("--jobs", type=int, default=os.cpu_count() or 1)
+    parser.add_argument("--keep", help="keep the servers' daily files here")
+    args = parser.parse_args()
+    build = os.path.abspath(args.build)
+    data = os.path.abspath(args.data)
+    work = args.keep or tempfile.mkdtemp(prefix="qv-evaluate-")
+    os.makedirs(work, exist_ok=True)
+    problems = []
+    try:
+        files = sorted(glob.glob(os.path.join(data, "backblaze/*.csv")))
+        if not files:
+            sys.exit(f"evaluate: no backblaze/*.csv under {data}")
+        loaded = []
+        tasks = []
+        servers = {}
+        for path in files:
+            name = os.path.basename(path)
+            drives, columns, last_date = load_backblaze(path)
+            made, more = backblaze_tasks(name, drives, columns, last_date,
+                                         work)
+            servers.update(made)
+            tasks += more
+            loaded.append((name, drives))
+        for rc in run_all(build, work, args.jobs, tasks):
+            if rc != 0:
+                problems.append(f"collector exit {rc}")
+        with ThreadPoolExecutor(args.jobs) as ex:
+            list(ex.map(lambda s: read_server(build, s, servers[s], problems),
+                        sorted(servers)))
+        results = []
+        for name, drives in loaded:
+            kind = "training" if name in TRAINING else "held-out"
+            results.append((name, kind, tally(drives, "lastday" not in name)))
+        for kind in ("training", "held-out"):
+            results.append((f"pooled {kind}", kind, add_tallies(
+                [t for _, k, t in results if k == kind])))
+        results.append(("pooled all", "all", add_tallies(
+            [t for n, _, t in results if not n.startswith("pooled")])))
+        print(f"Backblaze drives through the collector and "
+              f"`qv-smart-report history`: verdict on each drive's last "
+              f"day ({len(tasks)} collector runs)")
+        print_table(table_rows(results))
+        print()
+        drives, rows = smartctl_drives(data, build, work, args.jobs, problems)
+        lines = compare_smartctl(drives, rows)
+        print("smartctl JSON drives through the collector and "
+              "`qv-smart-report --format csv`: figures against smartctl's")
+        print_table([("FILE", "CLASS", "RESULT", "NOTES")] + lines)
+        bad = [line for line in lines if line[2].startswith(("MISMATCH",
+                                                              "MISSING"))]
+        out = [line for line in lines if line[2] == "left out"]
+        print(f"\nsmartctl: {len(lines) - len(out)} files compared, "
+              f"{len(bad)} disagree, {len(out)} left out; "
+              f"{len(problems)} pipeline problems")
+        for problem in problems[:20]:
+            print("problem:", problem)
+        return 1 if problems or bad else 0
+    finally:
+        if not args.keep:
+            shutil.rmtree(work, ignore_errors=True)
+
+
+if __name__ == "__main__":
+    sys.exit(main())
