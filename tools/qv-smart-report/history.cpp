@@ -103,8 +103,11 @@ bool hasReading(const DriveHealth& health)
            });
 }
 
-// Another drive in the bay: a drive's power-on hours never go back, and
-// its class never changes. No report carries a serial number or model.
+// Another drive in the bay: its power-on hours fell to less than half of
+// the last reading's, or its class changed. A drive's own count may step
+// back a little (a real one went back 1,068 of its 22,198 hours from one
+// day to the next), so a small drop is not taken for another drive. No
+// report carries a serial number or model.
 bool anotherDrive(const DriveRecord& record, const DriveHealth& reading)
 {
     if (record.days == 0)
@@ -112,7 +115,8 @@ bool anotherDrive(const DriveRecord& record, const DriveHealth& reading)
         return false;
     }
     const auto& hours = record.trend(&DriveHealth::powerOnHours).last;
-    return (hours && reading.powerOnHours && *reading.powerOnHours < *hours) ||
+    return (hours && reading.powerOnHours &&
+            *reading.powerOnHours < *hours / 2) ||
            reading.driveClass != record.driveClass;
 }
 

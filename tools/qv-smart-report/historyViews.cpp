@@ -71,8 +71,8 @@ Json trendJson(const Trend& trend, bool counter)
     if (counter)
     {
         figure["rises"] = trend.rises;
-        figure["first_rose"] =
-            trend.firstRose ? Json(dayText(*trend.firstRose)) : Json();
+        figure["first_rose"] = trend.firstRose ? Json(dayText(*trend.firstRose))
+                                               : Json();
     }
     return figure;
 }
@@ -167,17 +167,17 @@ std::string trendPart(const Trend& trend, std::string_view part)
 
 std::vector<std::string> csvRow(const DriveRecord& drive)
 {
-    std::vector<std::string> row{drive.fqdd,
-                                 drive.driveClass,
-                                 dayText(drive.firstDay),
-                                 dayText(drive.lastDay),
-                                 std::to_string(drive.days),
-                                 boolText(drive.appeared),
-                                 boolText(drive.vanished),
-                                 boolText(drive.stale),
-                                 std::string(verdictName(
-                                     drive.assessment.verdict)),
-                                 drive.assessment.reasonsText()};
+    std::vector<std::string> row{
+        drive.fqdd,
+        drive.driveClass,
+        dayText(drive.firstDay),
+        dayText(drive.lastDay),
+        std::to_string(drive.days),
+        boolText(drive.appeared),
+        boolText(drive.vanished),
+        boolText(drive.stale),
+        std::string(verdictName(drive.assessment.verdict)),
+        drive.assessment.reasonsText()};
     for (const auto& column : figureColumns)
     {
         for (auto part : figureParts(column))
@@ -186,7 +186,7 @@ std::vector<std::string> csvRow(const DriveRecord& drive)
         }
     }
     auto warnings = warningNames(drive);
-    row.push_back(!warnings         ? ""
+    row.push_back(!warnings           ? ""
                   : warnings->empty() ? "none"
                                       : joined(*warnings, ';'));
     return row;
@@ -220,9 +220,8 @@ void writeHistoryJson(std::ostream& out, const History& history)
     {
         drives.push_back(driveJson(drive));
     }
-    Json whole{{"first_day", history.firstDay
-                                 ? Json(dayText(*history.firstDay))
-                                 : Json()},
+    Json whole{{"first_day",
+                history.firstDay ? Json(dayText(*history.firstDay)) : Json()},
                {"last_day",
                 history.lastDay ? Json(dayText(*history.lastDay)) : Json()},
                {"drives", drives}};
@@ -252,10 +251,13 @@ void writeHistoryTable(std::ostream& out, const History& history)
     for (const auto& drive : history.drives)
     {
         const auto& temperature = drive.trend(&DriveHealth::temperatureC);
-        std::vector<std::string> row{
-            drive.fqdd,          drive.driveClass,      dayText(drive.firstDay),
-            dayText(drive.lastDay), seenText(drive),    orDash(temperature.min),
-            orDash(temperature.max)};
+        std::vector<std::string> row{drive.fqdd,
+                                     drive.driveClass,
+                                     dayText(drive.firstDay),
+                                     dayText(drive.lastDay),
+                                     seenText(drive),
+                                     orDash(temperature.min),
+                                     orDash(temperature.max)};
         for (const auto& column : figureColumns)
         {
             row.push_back(trendCell(drive.trend(column.figure)));
