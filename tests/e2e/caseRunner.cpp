@@ -120,6 +120,51 @@ void place(json& doc, const std::string& pointer, const json& value)
     }
 }
 
+// A LOG SENSE response kept as "<cdb>,<sense>,<response>" in hex, one line.
+std::string realResponse(const std::string& file)
+{
+    std::string line = readFile(std::string(REALDATA_DIR) + "/" + file);
+    auto cut = line.rfind(',');
+    if (line.empty() || cut == std::string::npos)
+    {
+        throw std::runtime_error(file + ": no LOG SENSE response");
+    }
+    line.erase(0, cut + 1);
+    line.erase(line.find_last_not_of(" \r\n") + 1);
+    return line;
+}
+
+// A hard drive's page given as {"real": file, "after": hex} takes the
+// response of that file of the real data, followed by the octets of
+// "after" (what else the buffer held).
+void realPages(json& doc)
+{
+    if (!doc.contains("drives"))
+    {
+        return;
+    }
+    for (auto& drive : doc["drives"])
+    {
+        for (const char* method : {"sasHdd", "sataHdd"})
+        {
+            if (!drive.contains(method) || !drive[method].contains("pages"))
+            {
+                continue;
+            }
+            for (auto& page : drive[method]["pages"])
+            {
+                if (page.contains("real"))
+                {
+                    page["data"] = realResponse(page["real"]) + " " +
+                                   page.value("after", "");
+                    page.erase("real");
+                    page.erase("after");
+                }
+            }
+        }
+    }
+}
+
 // The named server with the case's changes, then a run's; "inventory" rows
 // [name, fqdd, protocol, attributes] become drive objects.
 json scenarioOf(const json& c, const json& run = json::object())
@@ -148,6 +193,7 @@ json scenarioOf(const json& c, const json& run = json::object())
             place(doc, pointer, value);
         }
     }
+    realPages(doc);
     return doc;
 }
 
@@ -496,7 +542,8 @@ class CaseRun
         expectText(inside, text.substr(before.size()), want);
     }
 
-    // Whole text, or an object of "head", "tail", "size" and "lines".
+    // Whole text, or an object of "head", "tail", "size", "lines" and
+    // "contains" (pieces found anywhere).
     void expectText(const std::string& what, const std::string& text,
                     const json& want) const
     {
@@ -521,6 +568,13 @@ class CaseRun
             std::count(text.begin(), text.end(), '\n'),
             want.value("lines", std::count(text.begin(), text.end(), '\n')))
             << what;
+        for (const auto& part : want.value("contains", json::array()))
+        {
+            EXPECT_NE(text.find(substituted(textOf(part), placeholders())),
+                      std::string::npos)
+                << what << " lacks " << part << ":\n"
+                << text;
+        }
     }
 };
 

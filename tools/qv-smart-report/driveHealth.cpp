@@ -6,6 +6,7 @@
 #include <limits>
 #include <span>
 #include <string_view>
+#include <utility>
 
 namespace qvreport
 {
@@ -115,15 +116,23 @@ std::optional<std::uint64_t> statistic(const std::vector<unsigned>& page,
     return value;
 }
 
-// Value of a log parameter of a SAS log page (big-endian), by code.
+// Value of a log parameter of a SAS log page (big-endian), by code. The
+// page ends where its own length field says: a service may hand over a
+// longer buffer whose tail still holds an earlier answer's parameters.
 std::optional<std::vector<unsigned>>
     logParameter(const std::vector<unsigned>& page, unsigned code)
 {
-    for (size_t at = 4; at + 4 <= page.size();)
+    if (page.size() < 4)
+    {
+        return std::nullopt;
+    }
+    const size_t end = std::min(page.size(),
+                                4 + size_t((page[2] << 8) | page[3]));
+    for (size_t at = 4; at + 4 <= end;)
     {
         unsigned found = (page[at] << 8) | page[at + 1];
         size_t length = page[at + 3];
-        if (at + 4 + length > page.size())
+        if (at + 4 + length > end)
         {
             break;
         }
@@ -184,9 +193,31 @@ void sataPage(DriveHealth& health, std::string_view name,
     }
 }
 
+// The page code the drive put in the page's first octet, without the
+// disable-save and subpage-format bits; 0xff for a page too short to say.
+unsigned pageCode(const std::vector<unsigned>& page)
+{
+    return page.size() < 2 || page[1] != 0 ? 0xff : page[0] & 0x3f;
+}
+
 void sasPage(DriveHealth& health, std::string_view name,
              const std::vector<unsigned>& page)
 {
+    // A slot may carry another page than its own (a service filling in for
+    // a page the drive lacks); its parameter codes mean something else.
+    constexpr std::array<std::pair<std::string_view, unsigned>, 5> codes = {{
+        {"readErrCounter", 0x03},
+        {"writeErrCounter", 0x02},
+        {"verifyErrCounter", 0x05},
+        {"backGrndScanResult", 0x15},
+        {"temperature", 0x0d},
+    }};
+    const auto* expected = std::ranges::find(
+        codes, name, &std::pair<std::string_view, unsigned>::first);
+    if (expected == codes.end() || pageCode(page) != expected->second)
+    {
+        return;
+    }
     constexpr unsigned totalUncorrected = 6;
     if (name == "readErrCounter" || name == "writeErrCounter" ||
         name == "verifyErrCounter")
