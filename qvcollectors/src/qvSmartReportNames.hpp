@@ -40,14 +40,34 @@ inline constexpr const char* mediaErrorsUpper =
     "MediaAndDataIntegrityErrs Upper";
 } // namespace nvme
 
-// A hard drive's page groups, "<name>(<page code>)", in the order of the
-// storage service's reply.
+// A hard drive's page groups, "<name>(<page code>)".
+namespace sataPage
+{
+inline constexpr const char* supported = "suppLogPages";
+inline constexpr const char* general = "genStatistics";
+inline constexpr const char* rotatingMedia = "rotaStatistics";
+inline constexpr const char* generalErrors = "genErrStatistics";
+inline constexpr const char* temperature = "tempStatistics";
+} // namespace sataPage
+
+namespace sasPage
+{
+inline constexpr const char* readErrors = "readErrCounter";
+inline constexpr const char* writeErrors = "writeErrCounter";
+inline constexpr const char* verifyErrors = "verifyErrCounter";
+inline constexpr const char* nonMediumErrors = "nonMediumErrCounter";
+inline constexpr const char* startStopCycles = "startStopCycleCounter";
+inline constexpr const char* backgroundScan = "backGrndScanResult";
+inline constexpr const char* temperature = "temperature";
+} // namespace sasPage
+
+// The page groups in the order of the storage service's reply.
 inline constexpr std::array<const char*, 5> sataPages = {
-    "suppLogPages", "genStatistics", "rotaStatistics", "genErrStatistics",
-    "tempStatistics"};
+    sataPage::supported, sataPage::general, sataPage::rotatingMedia,
+    sataPage::generalErrors, sataPage::temperature};
 inline constexpr std::array<const char*, 7> sasPages = {
-    "readErrCounter",      "writeErrCounter",       "verifyErrCounter",
-    "nonMediumErrCounter", "startStopCycleCounter", "backGrndScanResult",
-    "temperature"};
+    sasPage::readErrors,      sasPage::writeErrors,     sasPage::verifyErrors,
+    sasPage::nonMediumErrors, sasPage::startStopCycles, sasPage::backgroundScan,
+    sasPage::temperature};
 
 } // namespace reportNames

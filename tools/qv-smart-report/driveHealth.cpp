@@ -1,5 +1,7 @@
 #include "driveHealth.hpp"
 
+#include "qvSmartReportNames.hpp"
+
 #include <algorithm>
 #include <array>
 #include <charconv>
@@ -51,24 +53,26 @@ Figure field(const Node& record, std::string_view key)
 DriveHealth solidState(const Node& record)
 {
     DriveHealth health;
-    auto protocol = number(record, "Protocol").value_or(0);
+    namespace ssd = reportNames::ssd;
+    auto protocol = number(record, reportNames::protocol).value_or(0);
     health.driveClass = (protocol & 0x20) != 0 ? "SAS SSD" : "SATA SSD";
-    health.temperatureC = field(record, "Drive Temp");
-    health.lifeRemaining = field(record, "percentDriveLifeRemaining");
-    health.powerOnHours = field(record, "Power On hours");
-    health.mediaErrors = field(record, "uncorrectableErrorCount");
-    health.crcErrors = field(record, "CRCErrorCount");
-    health.reallocated = field(record, "Reallocated block count");
-    health.pending = field(record, "currentPendingSectorCount");
-    health.commandTimeouts = field(record, "commandTimeout");
+    health.temperatureC = field(record, ssd::temperature);
+    health.lifeRemaining = field(record, ssd::lifeRemaining);
+    health.powerOnHours = field(record, ssd::powerOnHours);
+    health.mediaErrors = field(record, ssd::uncorrectable);
+    health.crcErrors = field(record, ssd::crcErrors);
+    health.reallocated = field(record, ssd::reallocated);
+    health.pending = field(record, ssd::pending);
+    health.commandTimeouts = field(record, ssd::commandTimeout);
     return health;
 }
 
 // A 128-bit counter of the NVMe log, from its two halves.
-Figure wideCounter(const Node& record, const std::string& name)
+Figure wideCounter(const Node& record, std::string_view lowerName,
+                   std::string_view upperName)
 {
-    auto upper = number(record, name + " Upper");
-    auto lower = number(record, name + " Lower");
+    auto upper = number(record, upperName);
+    auto lower = number(record, lowerName);
     if (upper && *upper != 0)
     {
         return std::numeric_limits<std::int64_t>::max();
@@ -80,16 +84,19 @@ DriveHealth nvme(const Node& record)
 {
     DriveHealth health;
     health.driveClass = "NVMe";
-    if (auto kelvin = field(record, "Composite Temperature"); kelvin)
+    namespace nvme = reportNames::nvme;
+    if (auto kelvin = field(record, nvme::temperature); kelvin)
     {
         health.temperatureC = *kelvin - kelvinOffset;
     }
-    health.percentUsed = field(record, "Percentage used");
-    health.powerOnHours = wideCounter(record, "PowerOnHours");
-    health.mediaErrors = wideCounter(record, "MediaAndDataIntegrityErrs");
-    health.availableSpare = field(record, "Available Spare");
-    health.spareThreshold = field(record, "Available Spare Threshold");
-    health.criticalWarning = number(record, "Critical Warning");
+    health.percentUsed = field(record, nvme::percentageUsed);
+    health.powerOnHours = wideCounter(record, nvme::powerOnHoursLower,
+                                      nvme::powerOnHoursUpper);
+    health.mediaErrors = wideCounter(record, nvme::mediaErrorsLower,
+                                     nvme::mediaErrorsUpper);
+    health.availableSpare = field(record, nvme::availableSpare);
+    health.spareThreshold = field(record, nvme::spareThreshold);
+    health.criticalWarning = number(record, nvme::criticalWarning);
     return health;
 }
 
@@ -174,20 +181,21 @@ void addTo(Figure& total, std::optional<std::uint64_t> count)
 void sataPage(DriveHealth& health, std::string_view name,
               const std::vector<unsigned>& page)
 {
-    if (name == "genStatistics")
+    namespace names = reportNames::sataPage;
+    if (name == names::general)
     {
         health.powerOnHours = figure(statistic(page, 0x10, 4));
     }
-    else if (name == "rotaStatistics")
+    else if (name == names::rotatingMedia)
     {
         health.reallocated = figure(statistic(page, 0x20, 4));
         health.pending = figure(statistic(page, 0x38, 4));
     }
-    else if (name == "genErrStatistics")
+    else if (name == names::generalErrors)
     {
         health.mediaErrors = figure(statistic(page, 0x08, 4));
     }
-    else if (auto t = statistic(page, 0x08, 1); name == "tempStatistics" && t)
+    else if (auto t = statistic(page, 0x08, 1); name == names::temperature && t)
     {
         health.temperatureC = static_cast<signed char>(*t);
     }
@@ -205,12 +213,13 @@ void sasPage(DriveHealth& health, std::string_view name,
 {
     // A slot may carry another page than its own (a service filling in for
     // a page the drive lacks); its parameter codes mean something else.
+    namespace names = reportNames::sasPage;
     constexpr std::array<std::pair<std::string_view, unsigned>, 5> codes = {{
-        {"readErrCounter", 0x03},
-        {"writeErrCounter", 0x02},
-        {"verifyErrCounter", 0x05},
-        {"backGrndScanResult", 0x15},
-        {"temperature", 0x0d},
+        {names::readErrors, 0x03},
+        {names::writeErrors, 0x02},
+        {names::verifyErrors, 0x05},
+        {names::backgroundScan, 0x15},
+        {names::temperature, 0x0d},
     }};
     const auto* expected = std::ranges::find(
         codes, name, &std::pair<std::string_view, unsigned>::first);
@@ -219,14 +228,14 @@ void sasPage(DriveHealth& health, std::string_view name,
         return;
     }
     constexpr unsigned totalUncorrected = 6;
-    if (name == "readErrCounter" || name == "writeErrCounter" ||
-        name == "verifyErrCounter")
+    if (name == names::readErrors || name == names::writeErrors ||
+        name == names::verifyErrors)
     {
         auto param = logParameter(page, totalUncorrected);
         addTo(health.mediaErrors,
               bigEndian(param, 0, param ? param->size() : 0));
     }
-    else if (name == "temperature")
+    else if (name == names::temperature)
     {
         // The standard parameter holds a reserved byte and the temperature.
         // One of another length is not guessed at: the figure stays unknown.
@@ -239,7 +248,7 @@ void sasPage(DriveHealth& health, std::string_view name,
             health.temperatureC = figure(celsius);
         }
     }
-    else if (name == "backGrndScanResult")
+    else if (name == names::backgroundScan)
     {
         auto minutes = bigEndian(logParameter(page, 0), 0, 4);
         health.powerOnHours = figure(minutes ? std::optional(*minutes / 60)
@@ -247,17 +256,10 @@ void sasPage(DriveHealth& health, std::string_view name,
     }
 }
 
-constexpr std::array<std::string_view, 5> sataPages = {
-    "suppLogPages", "genStatistics", "rotaStatistics", "genErrStatistics",
-    "tempStatistics"};
-constexpr std::array<std::string_view, 7> sasPages = {
-    "readErrCounter",      "writeErrCounter",       "verifyErrCounter",
-    "nonMediumErrCounter", "startStopCycleCounter", "backGrndScanResult",
-    "temperature"};
-
 bool contains(const auto& names, std::string_view name)
 {
-    return std::ranges::find(names, name) != names.end();
+    return std::ranges::any_of(
+        names, [name](std::string_view known) { return known == name; });
 }
 
 // Hard drive from its page groups; nothing when the group is not one.
@@ -273,12 +275,12 @@ std::optional<DriveHealth> hardDrive(const Node& record)
         }
         auto name = pageName(group);
         auto page = decodeHexRows(group).value_or(std::vector<unsigned>{});
-        if (contains(sataPages, name))
+        if (contains(reportNames::sataPages, name))
         {
             health.driveClass = "SATA HDD";
             sataPage(health, name, page);
         }
-        else if (contains(sasPages, name))
+        else if (contains(reportNames::sasPages, name))
         {
             health.driveClass = "SAS HDD";
             sasPage(health, name, page);
@@ -289,11 +291,11 @@ std::optional<DriveHealth> hardDrive(const Node& record)
 
 std::optional<DriveHealth> classify(const Node& record)
 {
-    if (record.find("Critical Warning") != nullptr)
+    if (record.find(reportNames::nvme::criticalWarning) != nullptr)
     {
         return nvme(record);
     }
-    if (record.find("percentDriveLifeRemaining") != nullptr)
+    if (record.find(reportNames::ssd::lifeRemaining) != nullptr)
     {
         return solidState(record);
     }
