@@ -48,7 +48,7 @@ using bench::Measurement;
 using std::chrono::sys_days;
 
 constexpr double targetSeconds = 2;
-constexpr long targetPeakKiB = 32 * 1024;
+constexpr long targetPeakKiB = 32L * 1024;
 
 struct Options
 {
