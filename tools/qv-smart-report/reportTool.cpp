@@ -424,7 +424,7 @@ int showDays(const Options& options, std::ostream& out, std::ostream& err)
         writeHistory(text, options, history);
         if (!replaceFile(options.output, text.str(), err))
         {
-            status |= exitDamaged;
+            status |= exitNotWritten;
         }
     }
     return status;
@@ -441,8 +441,16 @@ int runReportTool(std::span<const std::string> args, std::ostream& out,
         return *code;
     }
     const Options& options = std::get<Options>(parsed);
-    return options.command == Command::show ? showReports(options, out, err)
-                                            : showDays(options, out, err);
+    int status = options.command == Command::show
+                     ? showReports(options, out, err)
+                     : showDays(options, out, err);
+    // A full disk or a closed pipe must not pass for a complete output.
+    if (!out.flush())
+    {
+        err << "standard output: cannot be written\n";
+        status |= exitNotWritten;
+    }
+    return status;
 }
 
 } // namespace qvreport

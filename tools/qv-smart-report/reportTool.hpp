@@ -18,7 +18,8 @@ enum ExitBit
     exitDamaged = 1,
     exitUsage = 2,
     exitWarning = 4,
-    exitFailed = 8
+    exitFailed = 8,
+    exitNotWritten = 16
 };
 
 // One JSON line for a document: {"file":..,"line":..,"report":{..}}.

@@ -29,9 +29,12 @@ class TextTable
     std::vector<std::vector<std::string>> rows;
 };
 
-// Replaces `path` with `text` in one step: written beside it, flushed to
-// disk, renamed over it. A reader of the file sees the old or the new text,
-// never a part. False, with the reason on `err`, when that fails.
+// Replaces `path` with `text` in one step: written beside it under a new
+// random name, flushed to disk, renamed over it. A reader of the file sees
+// the old or the new text, never a part. Only a regular file or a name not
+// taken yet is replaced. The temporary file is removed on every failure and
+// when SIGTERM or SIGINT stops the writing. False, with the reason on
+// `err`, when that fails.
 bool replaceFile(const std::string& path, const std::string& text,
                  std::ostream& err);
 
