@@ -85,7 +85,8 @@ DriveHealth nvme(const Node& record)
     DriveHealth health;
     health.driveClass = "NVMe";
     namespace nvme = reportNames::nvme;
-    if (auto kelvin = field(record, nvme::temperature); kelvin)
+    // 0 K is a drive that reports no temperature.
+    if (auto kelvin = field(record, nvme::temperature); kelvin && *kelvin > 0)
     {
         health.temperatureC = *kelvin - kelvinOffset;
     }

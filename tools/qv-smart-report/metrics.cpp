@@ -65,7 +65,9 @@ constexpr std::string_view verdictName = "qv_smart_device_verdict";
 std::string labelValue(std::string_view text)
 {
     std::string escaped;
-    for (char c : text)
+    // Prometheus takes label values as UTF-8 only: one bad octet would make
+    // it refuse every drive's samples.
+    for (char c : validUtf8(text))
     {
         if (c == '\\' || c == '"')
         {

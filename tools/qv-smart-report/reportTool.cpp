@@ -307,6 +307,13 @@ std::variant<Options, int> parseArgs(std::span<const std::string> args,
         {
             throw CLI::RequiredError("REPORT");
         }
+        const auto& period = options.period;
+        if (period.since && period.until && *period.since > *period.until)
+        {
+            throw CLI::ValidationError("--since", dayText(*period.since) +
+                                                      " is after --until " +
+                                                      dayText(*period.until));
+        }
     }
     catch (const CLI::ParseError& error)
     {

@@ -26,9 +26,106 @@ std::string joined(const std::vector<std::string>& names, char separator)
     return text;
 }
 
+namespace
+{
+
+bool isControl(char c)
+{
+    return static_cast<unsigned char>(c) < 0x20 || c == '\x7f';
+}
+
+// The length of the valid UTF-8 sequence at the start of `text`; 0 when
+// none starts there.
+size_t sequenceLength(std::string_view text)
+{
+    auto octet = [&text](size_t i) {
+        return static_cast<unsigned char>(text[i]);
+    };
+    unsigned first = octet(0);
+    if (first < 0x80)
+    {
+        return 1;
+    }
+    size_t length = first >= 0xf0 ? 4 : first >= 0xe0 ? 3 : 2;
+    if (first < 0xc2 || first > 0xf4 || text.size() < length)
+    {
+        return 0;
+    }
+    for (size_t i = 1; i < length; ++i)
+    {
+        if ((octet(i) & 0xc0) != 0x80)
+        {
+            return 0;
+        }
+    }
+    // Overlong forms, surrogates and code points past U+10FFFF.
+    unsigned second = octet(1);
+    bool bad = (first == 0xe0 && second < 0xa0) ||
+               (first == 0xed && second >= 0xa0) ||
+               (first == 0xf0 && second < 0x90) ||
+               (first == 0xf4 && second >= 0x90);
+    return bad ? 0 : length;
+}
+
+constexpr size_t widestCell = 64;
+
+// Characters, not octets: what a terminal gives a cell.
+size_t characters(const std::string& text)
+{
+    return size_t(std::ranges::count_if(text, [](char c) {
+        return (static_cast<unsigned char>(c) & 0xc0) != 0x80;
+    }));
+}
+
+// What a padded table cell shows: control characters as \xNN, and at most
+// `widestCell` characters.
+std::string tableCell(const std::string& text, bool padded)
+{
+    std::string shown;
+    size_t characters = 0;
+    for (size_t at = 0; at < text.size(); ++characters)
+    {
+        if (padded && characters == widestCell)
+        {
+            return shown + "…";
+        }
+        size_t length = sequenceLength(std::string_view(text).substr(at));
+        if (length == 1 && isControl(text[at]))
+        {
+            std::array<char, 5> hex{};
+            static_cast<void>(
+                std::snprintf(hex.data(), hex.size(), "\\x%02x",
+                              static_cast<unsigned char>(text[at])));
+            shown += hex.data();
+        }
+        else
+        {
+            shown.append(text, at, std::max<size_t>(length, 1));
+        }
+        at += std::max<size_t>(length, 1);
+    }
+    return shown;
+}
+
+} // namespace
+
+std::string validUtf8(std::string_view text)
+{
+    std::string valid;
+    for (size_t at = 0; at < text.size();)
+    {
+        size_t length = sequenceLength(text.substr(at));
+        valid += length == 0 ? std::string_view("\xef\xbf\xbd")
+                             : text.substr(at, length);
+        at += std::max<size_t>(length, 1);
+    }
+    return valid;
+}
+
 std::string csvCell(const std::string& text)
 {
-    if (text.find_first_of(",\"\n") == std::string::npos)
+    if (text.find_first_of(",\"\n") == std::string::npos &&
+        std::ranges::none_of(text, isControl))
     {
         return text;
     }
@@ -46,6 +143,10 @@ TextTable::TextTable(std::vector<std::string> heading) :
 
 void TextTable::add(std::vector<std::string> row)
 {
+    for (size_t i = 0; i < row.size(); ++i)
+    {
+        row[i] = tableCell(row[i], i + 1 < row.size());
+    }
     rows.push_back(std::move(row));
 }
 
@@ -56,7 +157,7 @@ void TextTable::print(std::ostream& out) const
     {
         for (size_t i = 0; i < row.size(); ++i)
         {
-            widths[i] = std::max(widths[i], row[i].size());
+            widths[i] = std::max(widths[i], characters(row[i]));
         }
     }
     for (const auto& row : rows)
@@ -64,7 +165,8 @@ void TextTable::print(std::ostream& out) const
         std::string line;
         for (size_t i = 0; i + 1 < row.size(); ++i)
         {
-            line += row[i] + std::string(widths[i] - row[i].size() + 1, ' ');
+            line += row[i] +
+                    std::string(widths[i] - characters(row[i]) + 1, ' ');
         }
         line += row.back();
         // An empty last cell leaves no trailing blanks behind.

@@ -2,6 +2,7 @@
 
 #include <ostream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace qvreport
@@ -10,6 +11,10 @@ namespace qvreport
 // The names one after the other, `separator` between them.
 std::string joined(const std::vector<std::string>& names, char separator);
 
+// The text as valid UTF-8: each octet that starts no valid sequence becomes
+// U+FFFD, as the JSON output writes it.
+std::string validUtf8(std::string_view text);
+
 // A cell of a csv row, quoted when it holds a comma, a quote or a line break.
 std::string csvCell(const std::string& text);
 
@@ -17,7 +22,9 @@ std::string csvCell(const std::string& text);
 void writeCsvRow(std::ostream& out, const std::vector<std::string>& cells);
 
 // Rows printed once all are known: each column is as wide as its widest
-// cell; the last one is not padded.
+// cell; the last one is not padded. Control characters show as \xNN, and a
+// cell of a padded column longer than 64 characters is cut with "…", so one
+// huge name cannot pad every row.
 class TextTable
 {
   public:
