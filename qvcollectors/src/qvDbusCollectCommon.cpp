@@ -2,12 +2,14 @@
 
 #include "dlog.hpp"
 
+#include <pthread.h>
 #include <systemd/sd-bus.h>
 
 #include <sdbusplus/exception.hpp>
 #include <sdbusplus/message.hpp>
 
 #include <cerrno>
+#include <csignal>
 #include <set>
 #include <string_view>
 
@@ -127,6 +129,39 @@ sdbusplus::bus_t& getDefaultBus()
 namespace
 {
 
+// SIGUSR1 blocked from construction to destruction.
+class CancelSignalHeld
+{
+  public:
+    CancelSignalHeld()
+    {
+        sigset_t held;
+        sigemptyset(&held);
+        sigaddset(&held, SIGUSR1);
+        pthread_sigmask(SIG_BLOCK, &held, &before);
+    }
+    ~CancelSignalHeld()
+    {
+        pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    }
+    CancelSignalHeld(const CancelSignalHeld&) = delete;
+    CancelSignalHeld& operator=(const CancelSignalHeld&) = delete;
+
+  private:
+    sigset_t before{};
+};
+
+} // namespace
+
+sdbusplus::message_t callOnce(sdbusplus::bus_t& bus, sdbusplus::message_t& call)
+{
+    const CancelSignalHeld held;
+    return bus.call(call, uint64_t{0});
+}
+
+namespace
+{
+
 void check(int r, const char* function)
 {
     if (r < 0)
@@ -212,12 +247,10 @@ std::set<std::string>
                       const std::list<std::string>& interfaces)
 {
     auto& bus = getDefaultBus();
-    auto reply = callUninterrupted(bus, [&] {
-        auto method = bus.new_method_call(mapperService, mapperPath,
-                                          mapperInterface, "GetSubTree");
-        method.append(path, depth, interfaces);
-        return method;
-    });
+    auto method = bus.new_method_call(mapperService, mapperPath,
+                                      mapperInterface, "GetSubTree");
+    method.append(path, depth, interfaces);
+    auto reply = callOnce(bus, method);
     return readSubTreePaths(reply);
 }
 
@@ -270,13 +303,10 @@ int GetAll_DbusPropertyBasicVariant(const std::string& service,
     try
     {
         auto& bus = getDefaultBus();
-        auto reply = callUninterrupted(bus, [&] {
-            auto method = bus.new_method_call(service.c_str(),
-                                              objectPath.c_str(),
-                                              propertiesInterface, "GetAll");
-            method.append(interface);
-            return method;
-        });
+        auto method = bus.new_method_call(service.c_str(), objectPath.c_str(),
+                                          propertiesInterface, "GetAll");
+        method.append(interface);
+        auto reply = callOnce(bus, method);
         reply.read(properties);
     }
     catch (const sdbusplus::exception::exception& e)

@@ -4,7 +4,6 @@
 #include <sdbusplus/exception.hpp>
 #include <sdbusplus/message.hpp>
 
-#include <cerrno>
 #include <cstdint>
 #include <list>
 #include <map>
@@ -46,30 +45,14 @@ extern bool driveObjPathsLoaded;
 // The one connection shared by every inventory query, kept for the process.
 sdbusplus::bus_t& getDefaultBus();
 
-// Sends the method call `makeCall` builds and waits for its reply. The cancel
-// signal's handler has no SA_RESTART, so a signal that arrives while the call
-// waits interrupts it; every method the collector calls only reads, so the
-// call is made again, as a new message, and the signal changes nothing.
-template <typename MakeCall>
-sdbusplus::message_t callUninterrupted(sdbusplus::bus_t& bus,
-                                       const MakeCall& makeCall)
-{
-    for (;;)
-    {
-        auto call = makeCall();
-        try
-        {
-            return bus.call(call, uint64_t{0});
-        }
-        catch (const sdbusplus::exception::SdBusError& error)
-        {
-            if (error.get_errno() != EINTR)
-            {
-                throw;
-            }
-        }
-    }
-}
+// Sends `call` once and waits for its own reply, or for the call's own
+// timeout. The cancel signal's handler has no SA_RESTART: a signal landing
+// while sd-bus waits would end the wait with EINTR, and the reply that comes
+// later would stay queued on the connection for the rest of the run. The
+// signal is therefore held back for the length of the call and reaches its
+// handler as soon as the call is over; a storm of them is one pending signal.
+sdbusplus::message_t callOnce(sdbusplus::bus_t& bus,
+                              sdbusplus::message_t& call);
 
 // Object paths below `path` implementing one of `interfaces`, in byte order.
 // Empty on every D-Bus failure.

@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <systemd/sd-bus.h>
 #include <unistd.h>
 
 #include <sdbusplus/bus.hpp>
@@ -15,8 +16,11 @@
 #include <sdbusplus/message.hpp>
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
+#include <chrono>
 #include <csignal>
+#include <cstring>
 #include <ctime>
 #include <iomanip>
 #include <iostream>
@@ -126,7 +130,7 @@ void onCancelSignal(int signo)
     }
 }
 
-void installCancelHandler()
+void installCancelHandler() noexcept
 {
     struct sigaction action
     {};
@@ -140,7 +144,22 @@ void installCancelHandler()
 // ---------------------------------------------------------------------------
 // Report fragments
 
-void jsonAddStartDataGroup(std::ofstream& stream, const std::string& name)
+void ReportStream::attach(int fd)
+{
+    file.emplace(fd, std::ios::out | std::ios::app);
+    rdbuf(&*file);
+    clear();
+}
+
+void ReportStream::close()
+{
+    if (file && file->close() == nullptr)
+    {
+        setstate(std::ios::failbit);
+    }
+}
+
+void jsonAddStartDataGroup(ReportStream& stream, const std::string& name)
 {
     if (!stream.is_open())
     {
@@ -156,7 +175,7 @@ void jsonAddStartDataGroup(std::ofstream& stream, const std::string& name)
     stream << '"' << name << "\":\n{\n";
 }
 
-void jsonAddTagAndValueInt64(std::ofstream& stream, const std::string& tag,
+void jsonAddTagAndValueInt64(ReportStream& stream, const std::string& tag,
                              uint64_t value)
 {
     if (!stream.is_open())
@@ -179,7 +198,7 @@ namespace
 constexpr int64_t hexRowOctets = 16;
 
 // One row of a dump, built in a buffer: a 16 MiB dump has a million rows.
-void writeHexRow(std::ofstream& stream, const uint8_t* buffer, int64_t offset,
+void writeHexRow(ReportStream& stream, const uint8_t* buffer, int64_t offset,
                  int64_t length)
 {
     constexpr std::string_view digits = "0123456789abcdef";
@@ -219,7 +238,7 @@ void writeHexRow(std::ofstream& stream, const uint8_t* buffer, int64_t offset,
 
 } // namespace
 
-void hexdump(const uint8_t* buffer, int length, std::ofstream& stream)
+void hexdump(const uint8_t* buffer, int length, ReportStream& stream)
 {
     if (buffer == nullptr || !stream.is_open())
     {
@@ -621,8 +640,8 @@ bool callHardDriveMethod(const char* function, const char* member,
     try
     {
         auto bus = sdbusplus::bus::new_default_system();
-        auto message = callUninterrupted(
-            bus, [&] { return newStorageCall(bus, member, fqdd); });
+        auto call = newStorageCall(bus, member, fqdd);
+        auto message = callOnce(bus, call);
         uint8_t ignoredOctet = 0;
         uint32_t ignoredWord = 0;
         uint64_t ignoredLong = 0;
@@ -685,7 +704,7 @@ std::string withoutRawDataPrefix(const std::string& fqdd)
 } // namespace
 
 int qvdbusGetSmartPDSASSATARawData(const std::string& fqdd,
-                                   std::ofstream& rawStream)
+                                   ReportStream& rawStream)
 {
     const std::string argument = withoutRawDataPrefix(fqdd);
     StatusPair status{};
@@ -693,9 +712,8 @@ int qvdbusGetSmartPDSASSATARawData(const std::string& fqdd,
     try
     {
         auto bus = sdbusplus::bus::new_default_system();
-        auto reply = callUninterrupted(bus, [&] {
-            return newStorageCall(bus, "GetSmartPDSASSATARawData", argument);
-        });
+        auto call = newStorageCall(bus, "GetSmartPDSASSATARawData", argument);
+        auto reply = callOnce(bus, call);
         reply.read(status, data);
     }
     catch (const sdbusplus::exception::exception& error)
@@ -825,7 +843,7 @@ struct Member
     uint64_t value;
 };
 
-void writeMembers(std::ofstream& stream, std::span<const Member> members)
+void writeMembers(ReportStream& stream, std::span<const Member> members)
 {
     for (const Member& member : members)
     {
@@ -833,7 +851,7 @@ void writeMembers(std::ofstream& stream, std::span<const Member> members)
     }
 }
 
-void writeSasSataMembers(std::ofstream& stream, const DriveSmartRecord& record)
+void writeSasSataMembers(ReportStream& stream, const DriveSmartRecord& record)
 {
     const auto& values = record.sasSata;
     const std::array<Member, 20> members{{
@@ -862,7 +880,7 @@ void writeSasSataMembers(std::ofstream& stream, const DriveSmartRecord& record)
     writeMembers(stream, members);
 }
 
-void writeNvmeMembers(std::ofstream& stream, const DriveSmartRecord& record)
+void writeNvmeMembers(ReportStream& stream, const DriveSmartRecord& record)
 {
     const auto& values = record.nvme;
     const uint16_t statusField = values.errorInfoLogRecordStatusField;
@@ -955,6 +973,23 @@ enum class CannotWriteText
     canNot // "Can't", everywhere else
 };
 
+// How long a run waits for another run that holds the reports: four
+// method calls that time out (100 s with sd-bus's default of 25 s; the
+// bus's own SYSTEMD_BUS_TIMEOUT scales it). A normal run lets go well
+// before; one that holds on longer is stuck (stopped, or waiting on a hung
+// service), and the reports it is writing carry the same drives anyway.
+std::chrono::steady_clock::duration reportLockPatience()
+{
+    uint64_t callTimeoutUs = 25'000'000;
+    sd_bus* bus = nullptr;
+    if (sd_bus_new(&bus) >= 0)
+    {
+        sd_bus_get_method_call_timeout(bus, &callTimeoutUs);
+        sd_bus_unref(bus);
+    }
+    return std::chrono::microseconds(4 * callTimeoutUs);
+}
+
 // An exclusive lock on the directory of the reports, held while a run has a
 // report open: runs started together (a support-data collection started
 // twice, a manual run beside the timer's) append one whole document after
@@ -971,27 +1006,49 @@ class ReportDirectoryLock
         release();
     }
 
-    // Waits for another run to let go. A directory that cannot be opened is
-    // left unlocked: opening the report in it fails and says so.
-    void acquire(const std::string& reportPath)
+    // Waits for another run to let go, at most reportLockPatience(); false
+    // when that ran out. A directory that cannot be opened is left unlocked
+    // (opening the report in it fails and says so), and so is one whose
+    // file system has no locks: the run goes on without, as it would have.
+    bool acquire(const std::string& reportPath)
     {
-        if (fd >= 0)
+        if (tried)
         {
-            return;
+            return true;
         }
+        tried = true;
         const std::string directory =
             reportPath.substr(0, reportPath.rfind('/') + 1);
         fd = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
         if (fd < 0 || flock(fd, LOCK_EX | LOCK_NB) == 0)
         {
-            return;
+            return true;
+        }
+        if (errno != EWOULDBLOCK)
+        {
+            dlog_printf(logLevel, logModule,
+                        "%s.%d.%s: Cannot lock the report directory %s: %s, "
+                        "writing without the lock\n",
+                        fileName(), __LINE__, driverName, directory.c_str(),
+                        std::strerror(errno));
+            return true;
         }
         dlog_printf(logLevel, logModule,
                     "%s.%d.%s: Another run is writing the reports, waiting\n",
                     fileName(), __LINE__, driverName);
-        // The cancel signal interrupts the wait; it changes nothing here.
-        while (flock(fd, LOCK_EX) != 0 && errno == EINTR)
-        {}
+        const auto patience = reportLockPatience();
+        if (waitForLock(patience))
+        {
+            return true;
+        }
+        dlog_printf(
+            logLevel, logModule,
+            "%s.%d.%s: The other run kept the reports for %lld s, "
+            "giving up\n",
+            fileName(), __LINE__, driverName,
+            static_cast<long long>(
+                std::chrono::ceil<std::chrono::seconds>(patience).count()));
+        return false;
     }
 
     void release()
@@ -1005,13 +1062,32 @@ class ReportDirectoryLock
 
   private:
     int fd = -1;
+    bool tried = false;
+
+    // flock itself cannot time out: it is tried again every 50 ms. The
+    // cancel signal only shortens one of the pauses.
+    bool waitForLock(std::chrono::steady_clock::duration patience) const
+    {
+        const auto deadline = std::chrono::steady_clock::now() + patience;
+        constexpr timespec pause{0, 50'000'000};
+        while (std::chrono::steady_clock::now() < deadline)
+        {
+            nanosleep(&pause, nullptr);
+            if (flock(fd, LOCK_EX | LOCK_NB) == 0)
+            {
+                return true;
+            }
+        }
+        return false;
+    }
 };
 
-// Whether `path` names a regular file, creating it when it is missing. A
-// symlink is not followed (as root the collector would append to whatever
-// it names) and a FIFO does not block: both are refused, as is anything
-// else that is not a regular file.
-bool isRegularReportFile(const std::string& path)
+// The report at `path` opened for appending, created when it is missing;
+// -1 unless it is a regular file. A symlink is not followed (as root the
+// collector would append to whatever it names) and a FIFO does not block.
+// The stream writes through this same descriptor: nothing swapped in under
+// the name after the check is reached.
+int openReportFile(const std::string& path)
 {
     const int fd = open(path.c_str(),
                         O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW |
@@ -1019,13 +1095,16 @@ bool isRegularReportFile(const std::string& path)
                         0666);
     if (fd < 0)
     {
-        return false;
+        return -1;
     }
     struct stat status
     {};
-    const bool regular = fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
-    close(fd);
-    return regular;
+    if (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode))
+    {
+        close(fd);
+        return -1;
+    }
+    return fd;
 }
 
 // The state of one run: its two documents, the shared record and the counts
@@ -1053,8 +1132,8 @@ class CollectionRun
     int mode;
     // Declared before the streams: released only after both are closed.
     ReportDirectoryLock reportLock;
-    std::ofstream logStream;
-    std::ofstream rawStream;
+    ReportStream logStream;
+    ReportStream rawStream;
     DriveSmartRecord record{};
     std::string fqdd;
     int ssdObjCount = 0;
@@ -1066,8 +1145,8 @@ class CollectionRun
     bool lastRawRecordWasSolidState = false;
     bool openFailure = false;
 
-    void ensureOpen(std::ofstream& stream, int kind, CannotWriteText text);
-    void writeDriveGroup(std::ofstream& stream);
+    void ensureOpen(ReportStream& stream, int kind, CannotWriteText text);
+    void writeDriveGroup(ReportStream& stream);
     void countDrives();
     void solidStatePass();
     void addSolidStateDrive();
@@ -1083,7 +1162,7 @@ class CollectionRun
     void closeDocuments();
 };
 
-void CollectionRun::ensureOpen(std::ofstream& stream, int kind,
+void CollectionRun::ensureOpen(ReportStream& stream, int kind,
                                CannotWriteText text)
 {
     if (stream.is_open())
@@ -1101,14 +1180,14 @@ void CollectionRun::ensureOpen(std::ofstream& stream, int kind,
         dlog_printf(logLevel, logModule, "%s.%d.%s: Curr Day [%s]\n",
                     fileName(), __LINE__, driverName, path.c_str());
     }
-    reportLock.acquire(path);
-    if (isRegularReportFile(path))
+    if (reportLock.acquire(path))
     {
-        stream.open(path, std::ios::out | std::ios::app);
-    }
-    if (stream.is_open())
-    {
-        return;
+        const int fd = openReportFile(path);
+        if (fd >= 0)
+        {
+            stream.attach(fd);
+            return;
+        }
     }
     if (text == CannotWriteText::cant)
     {
@@ -1125,7 +1204,7 @@ void CollectionRun::ensureOpen(std::ofstream& stream, int kind,
     throw std::runtime_error("Failed to open file for writing");
 }
 
-void CollectionRun::writeDriveGroup(std::ofstream& stream)
+void CollectionRun::writeDriveGroup(ReportStream& stream)
 {
     if (fqdd.empty())
     {
@@ -1383,7 +1462,7 @@ void CollectionRun::addNvmeDrive()
 
 // A failed write does not change the run's result, but a report cut short
 // (a full disk) must not go unexplained.
-void logIfIncomplete(const std::ofstream& stream, const char* report)
+void logIfIncomplete(const ReportStream& stream, const char* report)
 {
     if (stream.fail())
     {
@@ -1443,6 +1522,13 @@ int addSmartData(int mode)
 // Entry
 
 #ifndef QVCOLLECTOR_WITHOUT_MAIN
+// The handler is in place while the process starts, before main logs its
+// entry: a SIGUSR1 sent the moment the collector was started must be
+// caught (main then exits with 10) rather than end the process with the
+// signal's default action. main installs it again, in its own order.
+[[maybe_unused]] const bool cancelHandlerAtStart = (installCancelHandler(),
+                                                    true);
+
 int main(int argc, char* argv[])
 {
     dlog_printf(traceLevel, logModule, "%s.%d: Entry %s", fileName(), __LINE__,

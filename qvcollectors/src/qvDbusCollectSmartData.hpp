@@ -2,11 +2,14 @@
 
 #include "smartdata.hpp"
 
+#include <ext/stdio_filebuf.h>
+
 #include <array>
 #include <atomic>
 #include <cstdint>
-#include <fstream>
 #include <map>
+#include <optional>
+#include <ostream>
 #include <string>
 
 // Drive classification bits of a drive's protocol and attributes values.
@@ -145,7 +148,7 @@ uint16_t errorLocationBitInCommand(uint16_t errorLocation);
 extern std::atomic<int32_t> cancelRequested;
 void onCancelSignal(int signo);
 // Installs onCancelSignal for SIGUSR1 (no SA_RESTART, empty mask).
-void installCancelHandler();
+void installCancelHandler() noexcept;
 
 // Caches of the platform's SMART tables, kept for the process.
 extern std::map<std::string, smartdatasassata_gen> sasSataSmartMap;
@@ -161,11 +164,37 @@ int addSmartData(int mode);
 // the raw data ("RD").
 std::string getCurrentDay(int kind);
 
+// A report file open for appending, written through the descriptor its
+// checks were made on: the name is looked up once, so nothing put in its
+// place afterwards (a symlink, a FIFO) is ever written to or waited on.
+// Buffered and closed as a std::ofstream is; a failed write or close leaves
+// failbit set.
+class ReportStream : public std::ostream
+{
+  public:
+    ReportStream() : std::ostream(nullptr) {}
+    ReportStream(const ReportStream&) = delete;
+    ReportStream& operator=(const ReportStream&) = delete;
+    ~ReportStream() override = default;
+
+    // Takes `fd`, open for writing, over; the stream is open from then on.
+    void attach(int fd);
+    bool is_open() const
+    {
+        return file && file->is_open();
+    }
+    // Writes out the buffer and closes the descriptor.
+    void close();
+
+  private:
+    std::optional<__gnu_cxx::stdio_filebuf<char>> file;
+};
+
 // Report fragments. None opens, closes or flushes the stream.
-void jsonAddStartDataGroup(std::ofstream& stream, const std::string& name);
-void jsonAddTagAndValueInt64(std::ofstream& stream, const std::string& tag,
+void jsonAddStartDataGroup(ReportStream& stream, const std::string& name);
+void jsonAddTagAndValueInt64(ReportStream& stream, const std::string& tag,
                              uint64_t value);
-void hexdump(const uint8_t* buffer, int length, std::ofstream& stream);
+void hexdump(const uint8_t* buffer, int length, ReportStream& stream);
 
 // Shared SMART tables. 0 on success, -1 on failure.
 int qvdbusGetSmartDataCount(int* SSDObjCount, int* nvmeObjCount,
@@ -177,7 +206,7 @@ int qvdbusGetSmartDataNvme(int index, DriveSmartRecord* record,
 
 // Storage-service SMART methods. 0 on success, -1 on failure.
 int qvdbusGetSmartPDSASSATARawData(const std::string& fqdd,
-                                   std::ofstream& rawStream);
+                                   ReportStream& rawStream);
 int qvdbusGetSmartPDSATAHDDData(DriveSmartRecord* record,
                                 const std::string& fqdd);
 int qvdbusGetSmartPDSASHDDData(DriveSmartRecord* record,

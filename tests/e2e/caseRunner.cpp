@@ -5,13 +5,20 @@
 // the case format.
 #include "testSupport.hpp"
 
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/fanotify.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cctype>
+#include <cerrno>
+#include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
@@ -20,6 +27,7 @@
 #include <optional>
 #include <regex>
 #include <sstream>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -242,6 +250,75 @@ std::string recordOf(const std::string& line)
                : "9|171|qvDbusCollectSmartData.L." + line;
 }
 
+// Someone who puts a symlink in place of a report the moment the collector
+// first opens it: fanotify holds that open back until the name is swapped
+// (the file moved to <name>.checked, a symlink to `target` in its place).
+// A collector that looked the name up again after its checks would write
+// wherever the link points.
+class SwapOnFirstOpen
+{
+  public:
+    SwapOnFirstOpen(const std::string& file, std::string target) :
+        file(file), target(std::move(target)),
+        group(fanotify_init(FAN_CLASS_CONTENT | FAN_CLOEXEC, O_RDONLY))
+    {
+        if (group < 0 || fanotify_mark(group, FAN_MARK_ADD, FAN_OPEN_PERM,
+                                       AT_FDCWD, file.c_str()) != 0)
+        {
+            throw std::runtime_error("fanotify on " + file + ": " +
+                                     std::strerror(errno));
+        }
+        listener = std::thread([this] { answer(); });
+    }
+    ~SwapOnFirstOpen()
+    {
+        stopping = true;
+        listener.join();
+        close(group); // any open still held back is let through
+    }
+    SwapOnFirstOpen(const SwapOnFirstOpen&) = delete;
+    SwapOnFirstOpen& operator=(const SwapOnFirstOpen&) = delete;
+
+  private:
+    std::string file;
+    std::string target;
+    int group;
+    std::atomic<bool> stopping{false};
+    bool swapped = false;
+    std::thread listener;
+
+    void answer()
+    {
+        std::array<char, 4096> buffer{};
+        while (!stopping)
+        {
+            pollfd ready{group, POLLIN, 0};
+            if (poll(&ready, 1, 20) <= 0)
+            {
+                continue;
+            }
+            const ssize_t length = read(group, buffer.data(), buffer.size());
+            for (ssize_t at = 0;
+                 at + static_cast<ssize_t>(sizeof(fanotify_event_metadata)) <=
+                 length;)
+            {
+                fanotify_event_metadata event{};
+                std::memcpy(&event, buffer.data() + at, sizeof(event));
+                at += event.event_len;
+                if (!swapped)
+                {
+                    swapped = true;
+                    fs::rename(file, file + ".checked");
+                    fs::create_symlink(target, file);
+                }
+                const fanotify_response allow{event.fd, FAN_ALLOW};
+                (void)!write(group, &allow, sizeof(allow));
+                close(event.fd);
+            }
+        }
+    }
+};
+
 class CaseRun
 {
   public:
@@ -262,7 +339,7 @@ class CaseRun
         std::string scenario = sandbox.dir() + "/scenario.json";
         if (!c.contains("server") || !c["server"].is_null())
         {
-            std::ofstream(scenario) << scenarioOf(c).dump();
+            std::ofstream(scenario) << scenarioWithCallLog(scenarioOf(c));
             bus.emplace();
             simulator.emplace(scenario, *bus);
         }
@@ -274,7 +351,8 @@ class CaseRun
                 if (r.contains("set"))
                 {
                     simulator.reset();
-                    std::ofstream(scenario) << scenarioOf(c, r).dump();
+                    std::ofstream(scenario)
+                        << scenarioWithCallLog(scenarioOf(c, r));
                     simulator.emplace(scenario, *bus);
                 }
                 auto env = environment(r);
@@ -290,6 +368,10 @@ class CaseRun
         {
             auto env = environment(r);
             auto args = r.value("args", std::vector<std::string>{"0"});
+            if (r.contains("after"))
+            {
+                awaitCall(r["after"].get<std::string>());
+            }
             started.push_back(std::async(std::launch::async, [&, env, args] {
                 return sandbox.run(args, *bus, scenario, env);
             }));
@@ -298,18 +380,59 @@ class CaseRun
         {
             check(runs[i], started[i].get());
         }
+        swapper.reset();
     }
 
+    // "calls": {member: n}, the calls of each member the simulator got.
+    void checkCalls() const
+    {
+        const std::string log = readFile(callLogPath());
+        const json calls = c.value("calls", json::object());
+        for (const auto& [member, times] : calls.items())
+        {
+            int made = 0;
+            std::istringstream lines(log);
+            for (std::string line; std::getline(lines, line);)
+            {
+                made += line.starts_with(member + " ") ? 1 : 0;
+            }
+            EXPECT_EQ(made, times.get<int>()) << member << " in\n" << log;
+        }
+    }
+
+    // A run of a together case that starts once the simulator got a call
+    // of `member`: the runs before it have got that far.
+    void awaitCall(const std::string& member) const
+    {
+        const auto deadline = std::chrono::steady_clock::now() +
+                              std::chrono::seconds(60);
+        while (readFile(callLogPath()).find(member + " ") == std::string::npos)
+        {
+            ASSERT_LT(std::chrono::steady_clock::now(), deadline)
+                << "no call of " << member;
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+    }
+
+    // "log": lines that must be logged; {"line": …, "times": n} exactly n
+    // times.
     void checkLog() const
     {
         auto records = logRecords();
-        auto has = [&](const std::string& line) {
-            return std::find(records.begin(), records.end(),
-                             substituted(recordOf(line), {{"{date}", date}})) !=
-                   records.end();
+        auto count = [&](const std::string& line) {
+            return std::count(records.begin(), records.end(),
+                              substituted(recordOf(line), {{"{date}", date}}));
         };
+        auto has = [&](const std::string& line) { return count(line) > 0; };
         for (const auto& line : c.value("log", json::array()))
         {
+            if (line.is_object())
+            {
+                EXPECT_EQ(count(line.at("line")), line.at("times").get<int>())
+                    << line << "\nin the log:\n"
+                    << logText();
+                continue;
+            }
             EXPECT_TRUE(has(line)) << line << "\nin the log:\n" << logText();
         }
         for (const auto& line : c.value("notLogged", json::array()))
@@ -356,7 +479,7 @@ class CaseRun
             {
                 continue;
             }
-            auto result = readReports(r.at("args"));
+            auto result = readReports(r.at("args"), r.value("toFull", false));
             EXPECT_EQ(result.exitCode, r.value("exit", 0)) << result.err;
             expectText("standard output", result.out,
                        r.value("stdout", json()));
@@ -380,6 +503,7 @@ class CaseRun
     std::string date;
     bool allSucceeded = true;
     json redated = json::array();
+    std::optional<SwapOnFirstOpen> swapper;
 
     // A daily run stands for the run's "day": its dated files are renamed.
     void redate(const json& r)
@@ -407,7 +531,18 @@ class CaseRun
     void prepare(const json& step)
     {
         auto what = step.at(0).get<std::string>();
+        if (what == "noLocks")
+        {
+            sandbox.refuseLocks();
+            return;
+        }
         auto inside = step.at(1).get<std::string>();
+        if (what == "swapOnOpen")
+        {
+            swapper.emplace(sandbox.hostPath(inside),
+                            step.at(2).get<std::string>());
+            return;
+        }
         auto host = sandbox.hostPath(inside);
         fs::create_directories(fs::path(host).parent_path());
         if (what == "readOnly" || what == "smallDisk")
@@ -494,19 +629,37 @@ class CaseRun
         return records;
     }
 
+    std::string callLogPath() const
+    {
+        return sandbox.dir() + "/calls.log";
+    }
+
+    std::string scenarioWithCallLog(json scenario) const
+    {
+        scenario["callLog"] = callLogPath();
+        return scenario.dump();
+    }
+
     std::string logText() const
     {
         return readFile(sandbox.dir() + "/dlog.log");
     }
 
-    RunResult readReports(const json& args) const
+    // With `toFull`, standard output is /dev/full: every write fails.
+    RunResult readReports(const json& args, bool toFull = false) const
     {
         std::vector<std::string> argv{QV_SMART_REPORT_PATH};
         for (const auto& arg : args)
         {
             argv.push_back(substituted(arg, placeholders()));
         }
-        return testsupport::runProgram(testsupport::targetCommand(argv));
+        argv = testsupport::targetCommand(argv);
+        if (toFull)
+        {
+            argv.insert(argv.begin(),
+                        {"sh", "-c", "exec \"$@\" >/dev/full", "sh"});
+        }
+        return testsupport::runProgram(argv);
     }
 
     std::map<std::string, std::string> placeholders() const
@@ -606,6 +759,7 @@ TEST_P(Case, Runs)
     CaseRun run(GetParam().c);
     run.run();
     run.checkLog();
+    run.checkCalls();
     run.checkFiles();
     run.checkReader();
 }

@@ -6,10 +6,11 @@
 #include "fuzzInput.hpp"
 #include "qvDbusCollectSmartData.hpp"
 
+#include <fcntl.h>
+
 #include <array>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <iostream>
 #include <span>
 #include <sstream>
@@ -98,7 +99,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     // The writers need an open file stream; its output is redirected into
     // memory so that the dump can be checked without touching the disk.
     std::stringbuf captured;
-    std::ofstream stream("/dev/null");
+    ReportStream stream;
+    stream.attach(open("/dev/null", O_WRONLY | O_CLOEXEC));
     stream.std::ios::rdbuf(&captured);
 
     jsonAddStartDataGroup(stream, group);

@@ -1,6 +1,9 @@
 #include "testSupport.hpp"
 
 #include <fcntl.h>
+#include <linux/audit.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <sched.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
@@ -11,6 +14,7 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -299,6 +303,40 @@ void Sandbox::readOnly(const std::string& inside)
     readOnlyDirs.push_back(inside);
 }
 
+namespace
+{
+
+// A classic BPF program for seccomp: flock answered with ENOLCK, every
+// other call allowed. The collector may be an AArch64 program under
+// qemu-user, whose calls reach this machine's kernel as x86-64 ones, or the
+// test may itself be one: both architectures' numbers are matched.
+std::string noLocksProgram()
+{
+    constexpr uint32_t x86_64Flock = 73;
+    constexpr uint32_t aarch64Flock = 32;
+    constexpr uint32_t ld = BPF_LD | BPF_W | BPF_ABS;
+    constexpr uint32_t jeq = BPF_JMP | BPF_JEQ | BPF_K;
+    const std::array<sock_filter, 9> program{{
+        {ld, 0, 0, offsetof(seccomp_data, arch)},
+        {jeq, 0, 2, AUDIT_ARCH_X86_64},
+        {ld, 0, 0, offsetof(seccomp_data, nr)},
+        {jeq, 3, 4, x86_64Flock},
+        {jeq, 0, 3, AUDIT_ARCH_AARCH64},
+        {ld, 0, 0, offsetof(seccomp_data, nr)},
+        {jeq, 0, 1, aarch64Flock},
+        {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ERRNO | ENOLCK},
+        {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ALLOW},
+    }};
+    return {reinterpret_cast<const char*>(program.data()), sizeof(program)};
+}
+
+} // namespace
+
+void Sandbox::refuseLocks()
+{
+    seccompFilter = scratch.write("no-locks.bpf", noLocksProgram());
+}
+
 void Sandbox::smallDisk(const std::string& inside, size_t bytes)
 {
     static const bool privateMounts = unshare(CLONE_NEWNS) == 0 &&
@@ -346,6 +384,13 @@ std::vector<std::string> Sandbox::confine(const std::vector<std::string>& argv,
     }
     command.insert(command.end(), {"--chdir", "/"});
     command.insert(command.end(), argv.begin(), argv.end());
+    if (!seccompFilter.empty())
+    {
+        // bubblewrap reads the filter from a descriptor.
+        command.insert(command.begin() + 1, {"--seccomp", "9"});
+        command.insert(command.begin(),
+                       {"sh", "-c", "exec \"$@\" 9<\"$0\"", seccompFilter});
+    }
     return command;
 }
 

@@ -140,6 +140,9 @@ class Sandbox
     }
     // The collector sees `inside` read-only.
     void readOnly(const std::string& inside);
+    // flock(2) fails with ENOLCK inside the sandbox, as on a file system
+    // without locks (a seccomp filter that bubblewrap loads).
+    void refuseLocks();
     // A tmpfs of `bytes` over `inside`, mounted in a mount namespace of the
     // test process (entered on first use): nothing of it reaches the host.
     void smallDisk(const std::string& inside, size_t bytes);
@@ -161,6 +164,7 @@ class Sandbox
     TempDir scratch;
     std::vector<std::string> readOnlyDirs;
     std::vector<std::string> mounts;
+    std::string seccompFilter;
 };
 
 } // namespace testsupport

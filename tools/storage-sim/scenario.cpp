@@ -21,8 +21,8 @@ namespace
 constexpr uint64_t maxArrayLength = uint64_t{64} * 1024 * 1024;
 
 const std::initializer_list<std::string_view> faultMembers = {
-    "error", "delayMs",      "noReply", "reply",
-    "extra", "signalCaller", "fromCall"};
+    "error",        "delayMs",     "noReply",       "reply",   "extra",
+    "signalCaller", "signalCount", "signalEveryMs", "fromCall"};
 
 // A JSON value together with where it sits in the file, so every complaint
 // can name the member at fault.
@@ -207,6 +207,9 @@ Fault parseFault(const Node& node)
     {
         node.member("signalCaller").fail("not a signal number");
     }
+    fault.signalCount = node.integerOr<uint32_t>("signalCount", 1);
+    fault.signalEvery =
+        std::chrono::milliseconds(node.integerOr<uint32_t>("signalEveryMs", 2));
     fault.fromCall = node.integerOr<uint32_t>("fromCall", 1);
     if (node.has("reply"))
     {

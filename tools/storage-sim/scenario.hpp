@@ -54,7 +54,9 @@ struct Fault
     std::optional<DbusError> error;
     std::chrono::milliseconds delay{0};
     bool noReply = false;
-    int signalCaller = 0;  // sent to the caller when its call arrives
+    int signalCaller = 0;     // sent to the caller when its call arrives
+    uint32_t signalCount = 1; // a storm: this many, one every signalEvery
+    std::chrono::milliseconds signalEvery{2};
     uint32_t fromCall = 1; // earlier calls of the handler are answered normally
     std::optional<Body> reply;
     std::optional<Body> extra;

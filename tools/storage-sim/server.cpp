@@ -506,6 +506,44 @@ void Server::signalCaller(sd_bus_message* call, const Fault& fault)
     {
         checked(-errno, "signalling the caller");
     }
+    if (fault.signalCount > 1)
+    {
+        startStorm(pid, fault);
+    }
+}
+
+// The rest of a storm, one signal a tick whatever the caller does meanwhile;
+// a caller that has gone ends it.
+void Server::startStorm(pid_t pid, const Fault& fault)
+{
+    SignalStorm& storm = storms.emplace_back();
+    storm.pid = pid;
+    storm.signal = fault.signalCaller;
+    storm.left = fault.signalCount - 1;
+    storm.everyUs = std::chrono::microseconds(fault.signalEvery).count();
+    sd_event_source* timer = nullptr;
+    int result = sd_event_add_time_relative(event.get(), &timer,
+                                            CLOCK_MONOTONIC, storm.everyUs, 1,
+                                            onStormTimer, &storm);
+    if (result < 0)
+    {
+        storms.pop_back();
+        checked(result, "arming a signal storm");
+    }
+    storm.timer.reset(timer);
+}
+
+int Server::onStormTimer(sd_event_source* source, uint64_t /*usec*/,
+                         void* userdata)
+{
+    auto* storm = static_cast<SignalStorm*>(userdata);
+    if (kill(storm->pid, storm->signal) != 0 || --storm->left == 0)
+    {
+        return 0;
+    }
+    int result = sd_event_source_set_time_relative(source, storm->everyUs);
+    return result < 0 ? result
+                      : sd_event_source_set_enabled(source, SD_EVENT_ONESHOT);
 }
 
 MessagePtr Server::buildReply(sd_bus_message* call, const Fault& fault,

@@ -52,6 +52,16 @@ class Server
         EventSourcePtr timer;
     };
 
+    // The signals of one storm still to send, on a repeating timer.
+    struct SignalStorm
+    {
+        pid_t pid = 0;
+        int signal = 0;
+        uint32_t left = 0;
+        uint64_t everyUs = 0;
+        EventSourcePtr timer;
+    };
+
     Scenario scenario;
     EventPtr event;
     BusPtr bus;
@@ -59,6 +69,7 @@ class Server
     SlotPtr handlerSlot;
     std::vector<EventSourcePtr> signalSources;
     std::list<PendingReply> pending;
+    std::list<SignalStorm> storms;
     // Faults whose signal has been sent: each signals one call only.
     std::set<const Fault*> signalled;
     // Calls each fault's handler has had, for faults that start later.
@@ -68,6 +79,8 @@ class Server
     static int onMessage(sd_bus_message* call, void* userdata,
                          sd_bus_error* error);
     static int onTimer(sd_event_source* source, uint64_t usec, void* userdata);
+    static int onStormTimer(sd_event_source* source, uint64_t usec,
+                            void* userdata);
 
     bool dispatch(sd_bus_message* call);
     bool addressedTo(sd_bus_message* call, const std::string& service) const;
@@ -85,6 +98,7 @@ class Server
     void respond(sd_bus_message* call, const Fault& fault,
                  const Outcome& normal);
     void signalCaller(sd_bus_message* call, const Fault& fault);
+    void startStorm(pid_t pid, const Fault& fault);
     static MessagePtr buildReply(sd_bus_message* call, const Fault& fault,
                                  const Outcome& normal);
     void schedule(MessagePtr reply, std::chrono::milliseconds delay);
