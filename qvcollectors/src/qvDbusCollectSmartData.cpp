@@ -161,7 +161,7 @@ void ReportStream::close()
 
 void jsonAddStartDataGroup(ReportStream& stream, const std::string& name)
 {
-    if (!stream.is_open())
+    if (!stream.isOpen())
     {
         dlog_printf(logLevel, logModule,
                     "%s.%d.%s: File pointer is NULL..returning.\n", fileName(),
@@ -178,7 +178,7 @@ void jsonAddStartDataGroup(ReportStream& stream, const std::string& name)
 void jsonAddTagAndValueInt64(ReportStream& stream, const std::string& tag,
                              uint64_t value)
 {
-    if (!stream.is_open())
+    if (!stream.isOpen())
     {
         dlog_printf(logLevel, logModule,
                     "%s.%d.%s: File pointer is NULL..returning.\n", fileName(),
@@ -240,7 +240,7 @@ void writeHexRow(ReportStream& stream, const uint8_t* buffer, int64_t offset,
 
 void hexdump(const uint8_t* buffer, int length, ReportStream& stream)
 {
-    if (buffer == nullptr || !stream.is_open())
+    if (buffer == nullptr || !stream.isOpen())
     {
         return;
     }
@@ -1165,7 +1165,7 @@ class CollectionRun
 void CollectionRun::ensureOpen(ReportStream& stream, int kind,
                                CannotWriteText text)
 {
-    if (stream.is_open())
+    if (stream.isOpen())
     {
         return;
     }
@@ -1475,7 +1475,7 @@ void logIfIncomplete(const ReportStream& stream, const char* report)
 
 void CollectionRun::closeDocuments()
 {
-    if (rawStream.is_open())
+    if (rawStream.isOpen())
     {
         if (hardDriveRecords > 0)
         {
@@ -1485,7 +1485,7 @@ void CollectionRun::closeDocuments()
         rawStream.close();
         logIfIncomplete(rawStream, "raw data");
     }
-    if (logStream.is_open())
+    if (logStream.isOpen())
     {
         logStream << "}\n}";
         logStream.close();
@@ -1526,8 +1526,16 @@ int addSmartData(int mode)
 // entry: a SIGUSR1 sent the moment the collector was started must be
 // caught (main then exits with 10) rather than end the process with the
 // signal's default action. main installs it again, in its own order.
-[[maybe_unused]] const bool cancelHandlerAtStart = (installCancelHandler(),
-                                                    true);
+namespace
+{
+bool installCancelHandlerAtStart() noexcept
+{
+    installCancelHandler();
+    return true;
+}
+[[maybe_unused]] const bool cancelHandlerAtStart =
+    installCancelHandlerAtStart();
+} // namespace
 
 int main(int argc, char* argv[])
 {

@@ -179,7 +179,7 @@ class ReportStream : public std::ostream
 
     // Takes `fd`, open for writing, over; the stream is open from then on.
     void attach(int fd);
-    bool is_open() const
+    bool isOpen() const
     {
         return file && file->is_open();
     }

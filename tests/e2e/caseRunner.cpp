@@ -312,7 +312,8 @@ class SwapOnFirstOpen
                     fs::create_symlink(target, file);
                 }
                 const fanotify_response allow{event.fd, FAN_ALLOW};
-                (void)!write(group, &allow, sizeof(allow));
+                [[maybe_unused]] const ssize_t sent = write(group, &allow,
+                                                            sizeof(allow));
                 close(event.fd);
             }
         }
@@ -657,7 +658,7 @@ class CaseRun
         if (toFull)
         {
             argv.insert(argv.begin(),
-                        {"sh", "-c", "exec \"$@\" >/dev/full", "sh"});
+                        {"sh", "-c", R"(exec "$@" >/dev/full)", "sh"});
         }
         return testsupport::runProgram(argv);
     }

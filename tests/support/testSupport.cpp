@@ -312,18 +312,18 @@ namespace
 // test may itself be one: both architectures' numbers are matched.
 std::string noLocksProgram()
 {
-    constexpr uint32_t x86_64Flock = 73;
-    constexpr uint32_t aarch64Flock = 32;
+    constexpr uint32_t flockOnX86 = 73;
+    constexpr uint32_t flockOnArm64 = 32;
     constexpr uint32_t ld = BPF_LD | BPF_W | BPF_ABS;
     constexpr uint32_t jeq = BPF_JMP | BPF_JEQ | BPF_K;
     const std::array<sock_filter, 9> program{{
         {ld, 0, 0, offsetof(seccomp_data, arch)},
         {jeq, 0, 2, AUDIT_ARCH_X86_64},
         {ld, 0, 0, offsetof(seccomp_data, nr)},
-        {jeq, 3, 4, x86_64Flock},
+        {jeq, 3, 4, flockOnX86},
         {jeq, 0, 3, AUDIT_ARCH_AARCH64},
         {ld, 0, 0, offsetof(seccomp_data, nr)},
-        {jeq, 0, 1, aarch64Flock},
+        {jeq, 0, 1, flockOnArm64},
         {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ERRNO | ENOLCK},
         {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ALLOW},
     }};
@@ -389,7 +389,7 @@ std::vector<std::string> Sandbox::confine(const std::vector<std::string>& argv,
         // bubblewrap reads the filter from a descriptor.
         command.insert(command.begin() + 1, {"--seccomp", "9"});
         command.insert(command.begin(),
-                       {"sh", "-c", "exec \"$@\" 9<\"$0\"", seccompFilter});
+                       {"sh", "-c", R"(exec "$@" 9<"$0")", seccompFilter});
     }
     return command;
 }
