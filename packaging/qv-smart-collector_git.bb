@@ -24,4 +24,5 @@ SYSTEMD_PACKAGES = "${PN}"
 SYSTEMD_SERVICE:${PN} = "qv-smart-collector.timer"
 SYSTEMD_AUTO_ENABLE:${PN} = "enable"
 
-FILES:${PN} += "${systemd_system_unitdir}/qv-smart-collector.*"
+FILES:${PN} += "${systemd_system_unitdir}/qv-smart-collector.* \
+    ${systemd_system_unitdir}/qv-smart-metrics.service"
