@@ -21,7 +21,8 @@ packages=(
     libgtest-dev libgmock-dev nlohmann-json3-dev libcli11-dev
     util-linux coreutils valgrind systemd bubblewrap
     clang libclang-rt-14-dev clang-tidy clang-format-16
-    prometheus chromium
+    prometheus prometheus-node-exporter prometheus-alertmanager chromium
+    dbus-broker
 )
 
 missingPackages() {
