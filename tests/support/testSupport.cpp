@@ -4,13 +4,17 @@
 #include <linux/audit.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
+#include <poll.h>
 #include <sched.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
@@ -21,6 +25,7 @@
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+#include <string_view>
 #include <thread>
 
 namespace testsupport
@@ -218,10 +223,25 @@ ChildProcess::ChildProcess(const std::vector<std::string>& argv,
 
 ChildProcess::~ChildProcess()
 {
-    kill(pid, SIGTERM);
-    int status = 0;
-    waitpid(pid, &status, 0);
+    if (!reaped)
+    {
+        kill(pid, SIGTERM);
+        int status = 0;
+        waitpid(pid, &status, 0);
+    }
     close(outFd);
+}
+
+bool ChildProcess::awaitExit(std::chrono::milliseconds timeout)
+{
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    int status = 0;
+    while (!reaped && std::chrono::steady_clock::now() < deadline)
+    {
+        reaped = waitpid(pid, &status, WNOHANG) == pid;
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return reaped;
 }
 
 std::string ChildProcess::firstLine() const
@@ -242,25 +262,159 @@ std::string ChildProcess::firstLine() const
 namespace
 {
 
-std::string busConfig(const std::string& socketName)
+// The limits of a controller's system bus: dbus-daemon's own system-bus
+// defaults for message sizes, and pending replies raised as real system-bus
+// configurations raise them (dbus-daemon's default of 128 makes a mapper's
+// burst of introspection calls fail).
+constexpr const char* systemBusLimits =
+    "<limit name=\"max_incoming_bytes\">133169152</limit>"
+    "<limit name=\"max_outgoing_bytes\">133169152</limit>"
+    "<limit name=\"max_message_size\">33554432</limit>"
+    "<limit name=\"max_replies_per_connection\">50000</limit>";
+
+// dbus-broker takes its socket from the launcher and ignores <listen>; it
+// warns about eavesdrop, which it does not have.
+std::string busConfig(BusKind kind, const std::string& socketName)
 {
-    return "<busconfig><type>system</type><listen>unix:abstract=" + socketName +
-           "</listen><auth>EXTERNAL</auth><policy context=\"default\">"
+    const bool daemon = kind == BusKind::daemon;
+    return std::string("<busconfig><type>system</type>") +
+           (daemon ? "<listen>unix:abstract=" + socketName + "</listen>"
+                   : std::string()) +
+           "<auth>EXTERNAL</auth><policy context=\"default\">"
            "<allow user=\"*\"/><allow own=\"*\"/>"
-           "<allow send_destination=\"*\" eavesdrop=\"true\"/>"
-           "<allow receive_sender=\"*\"/></policy></busconfig>\n";
+           "<allow send_destination=\"*\"" +
+           (daemon ? " eavesdrop=\"true\"" : "") +
+           "/><allow receive_sender=\"*\"/></policy>" + systemBusLimits +
+           "</busconfig>\n";
+}
+
+// dbus-broker-launch wants its listening socket passed in (socket
+// activation), the journal's socket to log to, and the bus's own address.
+std::vector<std::string> brokerCommand(const std::string& dir,
+                                       const std::string& config)
+{
+    const std::string script =
+        "mount -t tmpfs tmpfs /run && mkdir -p /run/systemd/journal && "
+        "mount --bind \"$0/journal\" /run/systemd/journal && "
+        "exec systemd-socket-activate -E DBUS_SYSTEM_BUS_ADDRESS "
+        "-l \"@$0/bus\" dbus-broker-launch --scope system "
+        "--config-file=\"$1\"";
+    return {"unshare", "--mount", "--propagation", "private", "sh", "-c",
+            script,    dir,       config};
+}
+
+// The launcher listens once systemd-socket-activate has bound the socket;
+// the broker itself starts with the first connection.
+void waitUntilListening(const std::string& socketName)
+{
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path + 1, socketName.data(),
+                std::min(socketName.size(), sizeof(address.sun_path) - 1));
+    const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) +
+                                               1 + socketName.size());
+    for (int tries = 0; tries < 500; ++tries)
+    {
+        const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        const bool listening =
+            connect(fd, reinterpret_cast<const sockaddr*>(&address), length) ==
+            0;
+        close(fd);
+        if (listening)
+        {
+            return;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    throw std::runtime_error("dbus-broker-launch did not listen");
 }
 
 } // namespace
 
+BusKind busKindFromEnvironment()
+{
+    const char* chosen = std::getenv("QV_TEST_BUS");
+    return chosen != nullptr && std::string_view(chosen) == "broker"
+               ? BusKind::broker
+               : BusKind::daemon;
+}
+
+JournalSink::JournalSink(const std::string& socketPath) :
+    fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0))
+{
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (fd < 0 || socketPath.size() >= sizeof(address.sun_path))
+    {
+        fail("journal socket");
+    }
+    std::memcpy(address.sun_path, socketPath.data(), socketPath.size());
+    if (bind(fd, reinterpret_cast<const sockaddr*>(&address),
+             sizeof(address)) != 0)
+    {
+        fail("binding the journal socket");
+    }
+    reader = std::thread([this] {
+        std::array<char, 65536> record{};
+        while (!stopping)
+        {
+            pollfd ready{fd, POLLIN, 0};
+            if (poll(&ready, 1, 50) > 0)
+            {
+                [[maybe_unused]] const ssize_t dropped = recv(fd, record.data(),
+                                                              record.size(), 0);
+            }
+        }
+    });
+}
+
+JournalSink::~JournalSink()
+{
+    stopping = true;
+    reader.join();
+    close(fd);
+}
+
 // As root the daemon tries to raise its descriptor limit and says so on
 // standard error in a container that forbids it: ChildProcess drops it.
-PrivateBus::PrivateBus() :
-    daemon({"dbus-daemon",
-            "--config-file=" + dir.write("bus.conf", busConfig(dir.path())),
-            "--nofork", "--nopidfile", "--print-address"}),
-    busAddress(daemon.firstLine())
-{}
+PrivateBus::PrivateBus(BusKind kind) : busKind(kind)
+{
+    const std::string config = dir.write("bus.conf",
+                                         busConfig(kind, dir.path() + "/bus"));
+    if (kind == BusKind::daemon)
+    {
+        daemon.emplace(std::vector<std::string>{
+            "dbus-daemon", "--config-file=" + config, "--nofork", "--nopidfile",
+            "--print-address"});
+        busAddress = daemon->firstLine();
+        return;
+    }
+    fs::create_directories(dir.path() + "/journal");
+    journal.emplace(dir.path() + "/journal/socket");
+    busAddress = "unix:abstract=" + dir.path() + "/bus";
+    daemon.emplace(brokerCommand(dir.path(), config),
+                   EnvChanges{{"DBUS_SYSTEM_BUS_ADDRESS", busAddress}});
+    waitUntilListening(dir.path() + "/bus");
+}
+
+// The broker goes first: the launcher then reaps it and ends, and no
+// orphaned broker is left for init to collect.
+PrivateBus::~PrivateBus()
+{
+    if (busKind != BusKind::broker || !daemon)
+    {
+        return;
+    }
+    const pid_t launcher = daemon->id();
+    std::istringstream children(readFile("/proc/" + std::to_string(launcher) +
+                                         "/task/" + std::to_string(launcher) +
+                                         "/children"));
+    for (pid_t child = 0; children >> child;)
+    {
+        kill(child, SIGTERM);
+    }
+    daemon->awaitExit(std::chrono::seconds(5));
+}
 
 EnvChanges PrivateBus::environment() const
 {

@@ -2,10 +2,12 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <chrono>
 #include <map>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace testsupport
@@ -83,29 +85,77 @@ class ChildProcess
 
     // The first line of standard output; throws when there is none.
     std::string firstLine() const;
+    pid_t id() const
+    {
+        return pid;
+    }
+    // Waits up to `timeout` for the program to end by itself; true when it
+    // did (it is reaped then).
+    bool awaitExit(std::chrono::milliseconds timeout);
 
   private:
     pid_t pid = -1;
     int outFd = -1;
+    bool reaped = false;
 };
 
-// A dbus-daemon of our own on an abstract socket, configured like a system
-// bus on which anyone may own any name and call anything.
+// The two message buses the suite runs on: dbus-daemon, and dbus-broker as
+// the controller runs it.
+enum class BusKind
+{
+    daemon,
+    broker
+};
+
+// QV_TEST_BUS=broker picks dbus-broker; unset or anything else dbus-daemon.
+BusKind busKindFromEnvironment();
+
+// Datagrams sent to a socket file, read and dropped: the journal socket
+// dbus-broker's launcher insists on logging to.
+class JournalSink
+{
+  public:
+    explicit JournalSink(const std::string& socketPath);
+    ~JournalSink();
+    JournalSink(const JournalSink&) = delete;
+    JournalSink& operator=(const JournalSink&) = delete;
+
+  private:
+    int fd = -1;
+    std::atomic<bool> stopping{false};
+    std::thread reader;
+};
+
+// A bus of our own on an abstract socket, configured like a controller's
+// system bus (its limits included) on which anyone may own any name and
+// call anything. The broker runs in a mount namespace of its own, whose
+// /run holds the journal socket it logs to: nothing of the host's /run is
+// touched.
 class PrivateBus
 {
   public:
-    PrivateBus();
+    PrivateBus() : PrivateBus(busKindFromEnvironment()) {}
+    explicit PrivateBus(BusKind kind);
+    ~PrivateBus();
+    PrivateBus(const PrivateBus&) = delete;
+    PrivateBus& operator=(const PrivateBus&) = delete;
 
     const std::string& address() const
     {
         return busAddress;
     }
+    BusKind kind() const
+    {
+        return busKind;
+    }
     // Makes libsystemd's default and system buses this one, for children.
     EnvChanges environment() const;
 
   private:
+    BusKind busKind;
     TempDir dir;
-    ChildProcess daemon;
+    std::optional<JournalSink> journal;
+    std::optional<ChildProcess> daemon;
     std::string busAddress;
 };
 
