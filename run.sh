@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # The project's two commands:
-#   ./run.sh demo   run the collector over a simulated server and show its reports
+#   ./run.sh demo [--bus broker]  run the collector over a simulated server
+#                   and show its reports (on dbus-daemon, or on dbus-broker)
 #   ./run.sh test   install what is missing, build, run every test
 #   ./run.sh tidy   build, then clang-tidy over the project's sources
 #   ./run.sh format apply .clang-format to every C++ file
@@ -156,22 +157,27 @@ compileSanitized() {
 # and the reader's health view.
 demo() {
     demoScratch=$(mktemp -d)
-    demoBus='' demoSimulator=''
+    demoBus='' demoSimulator='' demoJournal=''
     trap demoCleanup EXIT
     local scratch=$demoScratch
     local reports="$scratch/mmc2/qvcollection/vok/storagelog"
     mkdir -p "$reports"
     # An abstract socket: reachable from inside the collector's sandbox.
-    printf '%s' "<busconfig><type>system</type>
-<listen>unix:abstract=$scratch/bus</listen>"'
-<auth>EXTERNAL</auth><policy context="default"><allow user="*"/>
-<allow own="*"/><allow send_destination="*" eavesdrop="true"/>
-<allow receive_sender="*"/></policy></busconfig>' \
+    local eavesdrop=' eavesdrop="true"' listen="<listen>unix:abstract=$scratch/bus</listen>"
+    [ "$2" = broker ] && eavesdrop='' listen=''
+    printf '%s' "<busconfig><type>system</type>$listen
+<auth>EXTERNAL</auth><policy context=\"default\"><allow user=\"*\"/>
+<allow own=\"*\"/><allow send_destination=\"*\"$eavesdrop/>
+<allow receive_sender=\"*\"/></policy></busconfig>" \
         > "$scratch/bus.conf"
-    dbus-daemon --config-file="$scratch/bus.conf" --nofork --nopidfile \
-        --print-address > "$scratch/address" 2>/dev/null &
-    demoBus=$!
-    waitForLine "$scratch/address"
+    if [ "$2" = broker ]; then
+        demoBroker
+    else
+        dbus-daemon --config-file="$scratch/bus.conf" --nofork --nopidfile \
+            --print-address > "$scratch/address" 2>/dev/null &
+        demoBus=$!
+        waitForLine "$scratch/address"
+    fi
     export DBUS_SYSTEM_BUS_ADDRESS DBUS_STARTER_BUS_TYPE=system
     DBUS_SYSTEM_BUS_ADDRESS=$(head -n1 "$scratch/address")
     cp "$1" "$scratch/scenario.json"
@@ -204,10 +210,59 @@ demo() {
     return $rc
 }
 
-# The simulator goes first: it would report the bus going away.
+# dbus-broker as the controller runs it, started by its launcher in a
+# mount namespace of its own: the launcher takes its listening socket from
+# socket activation and logs to the journal's socket, which a private /run
+# provides (a reader that drops what it gets). Nothing of the host's /run
+# is touched.
+demoBroker() {
+    local scratch=$demoScratch
+    mkdir -p "$scratch/journal"
+    python3 -c 'import socket, sys
+s = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+s.bind(sys.argv[1] + "/journal/socket")
+open(sys.argv[1] + "/journal/ready", "w").write("ready")
+while True:
+    s.recv(65536)' "$scratch" &
+    demoJournal=$!
+    waitForLine "$scratch/journal/ready"
+    echo "unix:abstract=$scratch/bus" > "$scratch/address"
+    DBUS_SYSTEM_BUS_ADDRESS="unix:abstract=$scratch/bus" \
+        unshare --mount --propagation private sh -c '
+        mount -t tmpfs tmpfs /run && mkdir -p /run/systemd/journal &&
+        mount --bind "$0/journal" /run/systemd/journal &&
+        exec systemd-socket-activate -E DBUS_SYSTEM_BUS_ADDRESS \
+            -l "@$0/bus" dbus-broker-launch --scope system \
+            --config-file="$0/bus.conf"' "$scratch" 2>/dev/null &
+    demoBus=$!
+    local tries
+    for tries in $(seq 100); do
+        busctl --address="unix:abstract=$scratch/bus" list >/dev/null 2>&1 &&
+            return 0
+        sleep 0.05
+    done
+    echo "run.sh: dbus-broker did not start" >&2
+    return 1
+}
+
+# The simulator goes first: it would report the bus going away. The broker
+# goes before its launcher, which then reaps it.
 demoCleanup() {
     local pid
-    for pid in $demoSimulator $demoBus; do
+    if [ -n "$demoSimulator" ]; then
+        { kill "$demoSimulator" && wait "$demoSimulator"; } 2>/dev/null || true
+    fi
+    if [ -n "$demoBus" ]; then
+        for pid in $(cat "/proc/$demoBus/task/$demoBus/children" 2>/dev/null); do
+            kill "$pid" 2>/dev/null || true
+        done
+        for pid in $(seq 100); do
+            kill -0 "$demoBus" 2>/dev/null || break
+            [ "$(cut -d' ' -f3 "/proc/$demoBus/stat" 2>/dev/null)" = Z ] && break
+            sleep 0.05
+        done
+    fi
+    for pid in $demoBus $demoJournal; do
         { kill "$pid" && wait "$pid"; } 2>/dev/null || true
     done
     rm -rf "$demoScratch"
@@ -290,7 +345,10 @@ case "${1:-}" in
             cat "$here/.demo-build.log" >&2
             exit 1
         }
-        demo "$here/tools/storage-sim/scenarios/demo.json"
+        # --bus broker: on dbus-broker, as the controller runs it.
+        bus=daemon
+        [ "${2:-}" = --bus ] && bus=${3:-daemon}
+        demo "$here/tools/storage-sim/scenarios/demo.json" "$bus"
         ;;
     test-aarch64)
         # The controller's CPU: everything cross-built, every test run under
@@ -377,7 +435,7 @@ case "${1:-}" in
         exec "$here/tests/fuzz/run-fuzz.sh" "${2:-300}"
         ;;
     *)
-        echo "usage: $0 demo|test|tidy|format|size|test-aarch64|fuzz [SECONDS]|bench [RUNS]|mutate [PATTERN]|evaluate [DATA]" >&2
+        echo "usage: $0 demo [--bus broker]|test|tidy|format|size|test-aarch64|fuzz [SECONDS]|bench [RUNS]|mutate [PATTERN]|evaluate [DATA]" >&2
         exit 64
         ;;
 esac
