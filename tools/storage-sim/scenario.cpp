@@ -507,6 +507,34 @@ void parseNames(const Node& node, Scenario& scenario)
     }
 }
 
+// The mapper's fault members and how it builds its answers.
+void parseMapper(const Node& node, Scenario& scenario)
+{
+    node.allowOnly({faultMembers, {"mode", "discoveryMs"}});
+    scenario.mapper = parseFault(node);
+    if (node.has("mode"))
+    {
+        std::string mode = node.member("mode").text();
+        if (mode == "real-like")
+        {
+            scenario.mapperMode = MapperMode::realLike;
+        }
+        else if (mode != "plain")
+        {
+            node.member("mode").fail(R"(expected "plain" or "real-like")");
+        }
+    }
+    if (node.has("discoveryMs"))
+    {
+        if (scenario.mapperMode != MapperMode::realLike)
+        {
+            node.member("discoveryMs").fail(R"(needs "mode": "real-like")");
+        }
+        scenario.discovery = std::chrono::milliseconds(
+            node.member("discoveryMs").integer<uint32_t>());
+    }
+}
+
 } // namespace
 
 const Interface* InventoryObject::findInterface(const std::string& name) const
@@ -544,7 +572,7 @@ Scenario parseScenario(const std::string& text)
     }
     if (root.has("mapper"))
     {
-        scenario.mapper = parseStandaloneFault(root.member("mapper"));
+        parseMapper(root.member("mapper"), scenario);
     }
     if (root.has("drives"))
     {

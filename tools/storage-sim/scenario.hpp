@@ -128,12 +128,23 @@ struct DriveEntry
     std::optional<HardDriveEntry> sasHdd;
 };
 
+// How GetSubTree builds its answer.
+enum class MapperMode
+{
+    plain,    // the listed objects as they stand, in scenario order
+    realLike, // the way the OpenBMC object mapper answers
+};
+
 struct Scenario
 {
     bool ownMapper = true;
     bool ownStorage = true;
     std::vector<InventoryObject> objects;
     Fault mapper;
+    MapperMode mapperMode = MapperMode::plain;
+    // Real-like only: how long after start-up the mapper is still
+    // discovering the services' objects.
+    std::chrono::milliseconds discovery{0};
     std::map<std::string, DriveEntry> drives;
     std::optional<std::string> callLog;
 };

@@ -1,5 +1,7 @@
 #include "server.hpp"
 
+#include "mapperTree.hpp"
+
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
@@ -11,8 +13,6 @@ namespace storagesim
 {
 namespace
 {
-
-constexpr const char* propertiesInterface = "org.freedesktop.DBus.Properties";
 
 std::string nullSafe(const char* text)
 {
@@ -54,35 +54,6 @@ std::string readString(sd_bus_message* call)
     const char* text = nullptr;
     checked(sd_bus_message_read_basic(call, 's', &text), "reading s");
     return text;
-}
-
-// Whether `path` lies at or below `root`, no more than `depth` levels down
-// (depth 0 or less: any number of levels).
-bool inSubTree(const std::string& path, std::string root, int32_t depth)
-{
-    while (root.size() > 1 && root.back() == '/')
-    {
-        root.pop_back();
-    }
-    std::string rest;
-    if (root == "/")
-    {
-        rest = path == "/" ? "" : path;
-    }
-    else if (path == root)
-    {
-        rest = "";
-    }
-    else if (path.starts_with(root + "/"))
-    {
-        rest = path.substr(root.size());
-    }
-    else
-    {
-        return false;
-    }
-    auto levels = std::count(rest.begin(), rest.end(), '/');
-    return depth <= 0 || levels <= depth;
 }
 
 bool implementsAny(const InventoryObject& object,
@@ -200,6 +171,7 @@ void Server::start()
         }
         checked(result, std::string("owning ") + name);
     }
+    readyAt = std::chrono::steady_clock::now();
 }
 
 int Server::run()
@@ -226,6 +198,12 @@ int Server::onMessage(sd_bus_message* call, void* userdata,
 bool Server::dispatch(sd_bus_message* call)
 {
     std::string path = nullSafe(sd_bus_message_get_path(call));
+    if (sd_bus_message_is_method_call(call, introspectableInterface,
+                                      "Introspect") > 0)
+    {
+        introspect(call);
+        return true;
+    }
     if (path == mapperPath && addressedTo(call, mapperName) &&
         sd_bus_message_is_method_call(call, mapperInterface, "GetSubTree") > 0)
     {
@@ -296,6 +274,11 @@ void Server::getSubTree(sd_bus_message* call)
     checked(sd_bus_message_read_basic(call, 'i', &depth), "reading i");
     std::vector<std::string> filter = readStrings(call);
     logCall(call, Json::array({root, depth, filter}));
+    if (scenario.mapperMode == MapperMode::realLike)
+    {
+        respond(call, scenario.mapper, realLikeAnswer(root, depth, filter));
+        return;
+    }
 
     Json tree = Json::array();
     for (const auto& [path, objects] : subTree(root, depth, filter))
@@ -344,17 +327,154 @@ Server::SubTree Server::subTree(const std::string& root, int32_t depth,
     return tree;
 }
 
-const InventoryObject* Server::findObject(sd_bus_message* call) const
+// The objects the real mapper would know, as it would answer at this
+// moment after start-up: while it is still discovering, the root is not
+// found, then found empty, then half of the objects are known.
+Server::Outcome
+    Server::realLikeAnswer(const std::string& root, int32_t depth,
+                           const std::vector<std::string>& filter) const
 {
-    std::string path = nullSafe(sd_bus_message_get_path(call));
+    std::vector<const InventoryObject*> known;
     for (const auto& object : scenario.objects)
     {
-        if (object.path == path && addressedTo(call, object.service))
+        if (onBus(object.service))
+        {
+            known.push_back(&object);
+        }
+    }
+    const DbusError notFound{resourceNotFoundError, resourceNotFoundMessage};
+    if (scenario.discovery.count() > 0)
+    {
+        auto elapsed = std::chrono::duration_cast<std::chrono::microseconds>(
+            std::chrono::steady_clock::now() - readyAt);
+        auto quarter = elapsed * 4 /
+                       std::chrono::duration_cast<std::chrono::microseconds>(
+                           scenario.discovery);
+        if (quarter == 0)
+        {
+            return notFound;
+        }
+        if (quarter == 1)
+        {
+            return BodyWriter([](sd_bus_message* reply) {
+                appendValue(reply, "a{sa{sas}}", Json::array());
+            });
+        }
+        if (quarter == 2)
+        {
+            known.resize((known.size() + 1) / 2);
+        }
+    }
+    auto tree = realLikeSubTree(known, root, depth, filter);
+    if (!tree)
+    {
+        return notFound;
+    }
+    Json entries = Json::array();
+    for (const auto& [path, services] : *tree)
+    {
+        Json list = Json::array();
+        for (const auto& [service, interfaces] : services)
+        {
+            list.push_back(Json::array({service, interfaces}));
+        }
+        entries.push_back(Json::array({path, list}));
+    }
+    return BodyWriter([entries](sd_bus_message* reply) {
+        appendValue(reply, "a{sa{sas}}", entries);
+    });
+}
+
+// Of the names a scenario object may give, the simulator can own only its
+// two; the real mapper knows nothing of a service that is not on the bus.
+bool Server::onBus(const std::string& service) const
+{
+    return (service == storageName && scenario.ownStorage) ||
+           (service == mapperName && scenario.ownMapper);
+}
+
+void Server::introspect(sd_bus_message* call)
+{
+    if (!hasArguments(call, ""))
+    {
+        return;
+    }
+    logCall(call, Json::array());
+    auto node = describeNode(call);
+    if (!node)
+    {
+        respond(call, {},
+                DbusError{SD_BUS_ERROR_UNKNOWN_OBJECT,
+                          "Unknown object '" +
+                              nullSafe(sd_bus_message_get_path(call)) + "'."});
+        return;
+    }
+    std::string xml = introspectionXml(*node);
+    respond(call, {},
+            [&xml](sd_bus_message* reply) { appendValue(reply, "s", xml); });
+}
+
+// The node at the call's path as the service it was sent to shows it: a
+// service has the nodes on the way to each of its objects. Nothing when
+// none of its objects lies at or below the path.
+std::optional<NodeDescription> Server::describeNode(sd_bus_message* call) const
+{
+    const std::string nodePath = nullSafe(sd_bus_message_get_path(call));
+    NodeDescription node;
+    bool exists = false;
+    // Whether the object is at the node itself; one below names a child.
+    auto visit =
+        [&](const std::string& objectPath, const std::string& service) {
+        if (!addressedTo(call, service) || !inSubTree(objectPath, nodePath, 0))
+        {
+            return false;
+        }
+        exists = true;
+        if (objectPath == nodePath)
+        {
+            return true;
+        }
+        std::size_t start = nodePath == "/" ? 1 : nodePath.size() + 1;
+        node.children.insert(
+            objectPath.substr(start, objectPath.find('/', start) - start));
+        return false;
+    };
+    node.mapper = visit(mapperPath, mapperName);
+    node.drive = visit(drivePath, storageName);
+    for (const auto& object : scenario.objects)
+    {
+        if (visit(object.path, object.service))
+        {
+            node.objects.push_back(&object);
+        }
+    }
+    if (!exists)
+    {
+        return std::nullopt;
+    }
+    return node;
+}
+
+// On the unique name one path may hold the objects of several services:
+// the first one with the interface answers, else the first one listed.
+const InventoryObject* Server::findObject(sd_bus_message* call,
+                                          const std::string& interface) const
+{
+    std::string path = nullSafe(sd_bus_message_get_path(call));
+    const InventoryObject* found = nullptr;
+    for (const auto& object : scenario.objects)
+    {
+        if (object.path != path || !addressedTo(call, object.service))
+        {
+            continue;
+        }
+        if (object.findInterface(interface) != nullptr)
         {
             return &object;
         }
+        found = found == nullptr ? &object : found;
     }
-    return nullptr;
+    return found;
 }
 
 void Server::getAll(sd_bus_message* call)
@@ -365,7 +485,7 @@ void Server::getAll(sd_bus_message* call)
     }
     std::string name = readString(call);
     logCall(call, Json::array({name}));
-    const InventoryObject* object = findObject(call);
+    const InventoryObject* object = findObject(call, name);
     if (object == nullptr)
     {
         respond(call, {},
@@ -396,7 +516,7 @@ void Server::getProperty(sd_bus_message* call)
     std::string interfaceName = readString(call);
     std::string propertyName = readString(call);
     logCall(call, Json::array({interfaceName, propertyName}));
-    const InventoryObject* object = findObject(call);
+    const InventoryObject* object = findObject(call, interfaceName);
     const Interface* interface =
         object == nullptr ? nullptr : object->findInterface(interfaceName);
     const Property* property = nullptr;

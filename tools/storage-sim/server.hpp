@@ -1,5 +1,6 @@
 #pragma once
 
+#include "introspection.hpp"
 #include "scenario.hpp"
 #include "sdBusHandles.hpp"
 
@@ -8,6 +9,7 @@
 #include <functional>
 #include <list>
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 #include <utility>
@@ -66,6 +68,8 @@ class Server
     EventPtr event;
     BusPtr bus;
     std::string uniqueName;
+    // When the names were taken: the mapper's discovery counts from here.
+    std::chrono::steady_clock::time_point readyAt;
     SlotPtr handlerSlot;
     std::vector<EventSourcePtr> signalSources;
     std::list<PendingReply> pending;
@@ -90,9 +94,15 @@ class Server
     void getSubTree(sd_bus_message* call);
     SubTree subTree(const std::string& root, int32_t depth,
                     const std::vector<std::string>& filter) const;
+    Outcome realLikeAnswer(const std::string& root, int32_t depth,
+                           const std::vector<std::string>& filter) const;
+    bool onBus(const std::string& service) const;
+    void introspect(sd_bus_message* call);
+    std::optional<NodeDescription> describeNode(sd_bus_message* call) const;
     void getAll(sd_bus_message* call);
     void getProperty(sd_bus_message* call);
-    const InventoryObject* findObject(sd_bus_message* call) const;
+    const InventoryObject* findObject(sd_bus_message* call,
+                                      const std::string& interface) const;
     bool driveMethod(sd_bus_message* call);
 
     void respond(sd_bus_message* call, const Fault& fault,
