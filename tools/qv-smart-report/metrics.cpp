@@ -60,7 +60,10 @@ constexpr auto families = std::to_array<Family>({
 
 constexpr std::string_view criticalWarningName =
     "qv_smart_device_critical_warning";
-constexpr std::string_view verdictName = "qv_smart_device_verdict";
+constexpr std::string_view verdictMetric = "qv_smart_device_verdict";
+constexpr std::string_view verdictInfoMetric = "qv_smart_device_verdict_info";
+constexpr std::string_view temperatureWarningMetric =
+    "qv_smart_device_temperature_warning_threshold";
 
 std::string labelValue(std::string_view text)
 {
@@ -202,6 +205,38 @@ std::optional<std::int64_t> bitsValue(std::optional<std::uint64_t> bits)
     return bits ? std::optional<std::int64_t>(*bits) : std::nullopt;
 }
 
+// What an alert on a drive says beyond its figures: the temperature it is
+// held to, and why its verdict is not PASSED. Of the last reading only, for
+// the alerting rules over the textfile: the history keeps no reasons day by
+// day, and the thresholds come from the verdicts' own code.
+void writeAlertSeries(std::ostream& out, const std::vector<Series>& all)
+{
+    writeHeader(out, temperatureWarningMetric,
+                "Temperature from which the drive's verdict warns, in degrees "
+                "Celsius");
+    for (const auto& drives : all)
+    {
+        const auto& drive = *drives.back();
+        if (drive.latest.temperatureC)
+        {
+            out << temperatureWarningMetric << driveLabels(drive, "") << ' '
+                << temperatureWarningC(drive.driveClass) << '\n';
+        }
+    }
+    writeHeader(
+        out, verdictInfoMetric,
+        "Why the verdict of the history is not PASSED, in a label; always 1");
+    for (const auto& drives : all)
+    {
+        const auto& drive = *drives.back();
+        out << verdictInfoMetric
+            << driveLabels(drive,
+                           "reasons=\"" +
+                               labelValue(drive.assessment.reasonsText()) + '"')
+            << " 1\n";
+    }
+}
+
 void writeMetrics(std::ostream& out, const History& history, bool stamped)
 {
     const auto all = seriesOf(history, stamped);
@@ -229,7 +264,7 @@ void writeMetrics(std::ostream& out, const History& history, bool stamped)
     {
         writeSeries(out, criticalWarningName, "", drives, bits, stamped);
     }
-    writeHeader(out, verdictName,
+    writeHeader(out, verdictMetric,
                 "Verdict of the history up to the day: 0 PASSED, 1 WARNING, "
                 "2 FAILED");
     const Sampler verdicts{[](const DailySeries& series, size_t i) {
@@ -241,7 +276,11 @@ void writeMetrics(std::ostream& out, const History& history, bool stamped)
     }};
     for (const auto& drives : all)
     {
-        writeSeries(out, verdictName, "", drives, verdicts, stamped);
+        writeSeries(out, verdictMetric, "", drives, verdicts, stamped);
+    }
+    if (!stamped)
+    {
+        writeAlertSeries(out, all);
     }
 }
 

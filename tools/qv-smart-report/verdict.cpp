@@ -47,8 +47,7 @@ std::string compared(Figure DriveHealth::*member, std::int64_t value,
 
 void temperatureReason(const DriveHealth& drive, std::vector<Reason>& found)
 {
-    auto hot = drive.driveClass.ends_with("HDD") ? hardDriveHotC
-                                                 : solidStateHotC;
+    auto hot = temperatureWarningC(drive.driveClass);
     if (drive.temperatureC && *drive.temperatureC >= hot)
     {
         found.push_back({Verdict::warning, "temp_c",
@@ -121,6 +120,11 @@ void counterReasons(const DriveHealth& drive, std::vector<Reason>& found)
 }
 
 } // namespace
+
+std::int64_t temperatureWarningC(std::string_view driveClass)
+{
+    return driveClass.ends_with("HDD") ? hardDriveHotC : solidStateHotC;
+}
 
 std::string_view verdictName(Verdict verdict)
 {

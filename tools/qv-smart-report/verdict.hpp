@@ -43,6 +43,10 @@ struct Assessment
     std::string reasonsText() const;
 };
 
+// The temperature from which a drive of the class warns, in degrees
+// Celsius: the verdicts and the metrics that alerts compare with.
+std::int64_t temperatureWarningC(std::string_view driveClass);
+
 // The thresholds one report's figures are held to.
 std::vector<Reason> snapshotReasons(const DriveHealth& drive);
 
