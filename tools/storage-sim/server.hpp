@@ -1,6 +1,6 @@
 #pragma once
 
-#include "introspection.hpp"
+#include "nodeDescription.hpp"
 #include "scenario.hpp"
 #include "sdBusHandles.hpp"
 

@@ -1,4 +1,4 @@
-#include "introspection.hpp"
+#include "nodeDescription.hpp"
 
 #include "mapperTree.hpp"
 

@@ -4,7 +4,7 @@ objects by Introspect from "/", so every drive object of the scenario must
 be reachable that way on the storage service's name, the mapper's name must
 show only the mapper, and an unknown path must be an unknown object.
 
-introspectTest.py STORAGE_SIM SCENARIO WORK"""
+mapperWalkTest.py STORAGE_SIM SCENARIO WORK"""
 import json
 import os
 import shutil
@@ -27,7 +27,7 @@ env = dict(os.environ, DBUS_SYSTEM_BUS_ADDRESS=address)
 
 def check(condition, what):
     if not condition:
-        sys.exit(f"introspectTest: {what}")
+        sys.exit(f"mapperWalkTest: {what}")
 
 
 def busctl(*args):
@@ -83,7 +83,7 @@ try:
     unknown = busctl("introspect", "com.kest.omrix.storage", "/nothing")
     check(unknown.returncode != 0 and "Unknown object" in unknown.stderr,
           f"/nothing: {unknown.stderr}")
-    print(f"introspectTest: {len(storage)} nodes, every drive object found")
+    print(f"mapperWalkTest: {len(storage)} nodes, every drive object found")
 finally:
     for process in (sim, bus):
         if process is not None:
