@@ -9,6 +9,7 @@
 #   ./run.sh fuzz [SECONDS]   run each fuzz target longer (default 300 s)
 #   ./run.sh test-aarch64     cross-build for AArch64, run the tests under qemu
 #   ./run.sh bench [RUNS]     the collector against its floor, the reader's history (bench/README.md)
+#   ./run.sh memory DRIVES [RAW_OCTETS]  the collector's peak memory over a simulated server
 #   ./run.sh mutate [PATTERN] the suite against realistic bugs (tests/README.md)
 #   ./run.sh evaluate [DATA]  real drives through collector and reader (tools/evaluate/README.md)
 set -euo pipefail
@@ -151,26 +152,25 @@ compileSanitized() {
     ninja -C "$sanitized"
 }
 
-# demo SCENARIO: a private dbus-daemon, the simulator serving SCENARIO and
-# one collection-mode run of the collector, whose fixed report paths land in
-# a scratch directory through bubblewrap; then both reports, the exit code
-# and the reader's health view.
-demo() {
+# startServer SCENARIO TABLES BUS: a private bus (dbus-daemon, or
+# dbus-broker with BUS broker) and the simulator serving SCENARIO, in a
+# scratch directory that holds the SMART tables file TABLES as tables.json
+# and the collector's /mmc2; all stopped when the script ends.
+startServer() {
     demoScratch=$(mktemp -d)
     demoBus='' demoSimulator='' demoJournal=''
     trap demoCleanup EXIT
     local scratch=$demoScratch
-    local reports="$scratch/mmc2/qvcollection/vok/storagelog"
-    mkdir -p "$reports"
+    mkdir -p "$scratch/mmc2/qvcollection/vok/storagelog"
     # An abstract socket: reachable from inside the collector's sandbox.
     local eavesdrop=' eavesdrop="true"' listen="<listen>unix:abstract=$scratch/bus</listen>"
-    [ "$2" = broker ] && eavesdrop='' listen=''
+    [ "$3" = broker ] && eavesdrop='' listen=''
     printf '%s' "<busconfig><type>system</type>$listen
 <auth>EXTERNAL</auth><policy context=\"default\"><allow user=\"*\"/>
 <allow own=\"*\"/><allow send_destination=\"*\"$eavesdrop/>
 <allow receive_sender=\"*\"/></policy></busconfig>" \
         > "$scratch/bus.conf"
-    if [ "$2" = broker ]; then
+    if [ "$3" = broker ]; then
         demoBroker
     else
         dbus-daemon --config-file="$scratch/bus.conf" --nofork --nopidfile \
@@ -180,24 +180,39 @@ demo() {
     fi
     export DBUS_SYSTEM_BUS_ADDRESS DBUS_STARTER_BUS_TYPE=system
     DBUS_SYSTEM_BUS_ADDRESS=$(head -n1 "$scratch/address")
-    cp "$1" "$scratch/scenario.json"
+    cp "$2" "$scratch/tables.json"
     "$build/tools/storage-sim/storage-sim" --scenario "$1" > "$scratch/sim" &
     demoSimulator=$!
     waitForLine "$scratch/sim"
-    local rc=0
-    PLATFORM_SMART_TABLES="$scratch/scenario.json" DLOG_FILE="$scratch/dlog.log" \
+}
+
+# confined PROGRAM [ARGS...]: PROGRAM against the server startServer made,
+# under bubblewrap, whose /mmc2 is the scratch directory's: the collector's
+# fixed report paths land there.
+confined() {
+    local scratch=$demoScratch
+    PLATFORM_SMART_TABLES="$scratch/tables.json" DLOG_FILE="$scratch/dlog.log" \
         bwrap --ro-bind /usr /usr --symlink usr/lib /lib \
         --symlink usr/lib64 /lib64 --symlink usr/bin /bin --ro-bind /etc /etc \
         --dev /dev --proc /proc --bind "$scratch" "$scratch" \
-        --bind "$scratch/mmc2" /mmc2 --ro-bind "$build" "$build" \
-        "$build/qvcollectors/qv-smart-collector" 0 || rc=$?
+        --bind "$scratch/mmc2" /mmc2 --ro-bind "$build" "$build" "$@"
+}
+
+# demo SCENARIO BUS: one collection-mode run of the collector over the
+# simulator serving SCENARIO; then both reports, the exit code and the
+# reader's health view.
+demo() {
+    startServer "$1" "$1" "$2"
+    local reports="$demoScratch/mmc2/qvcollection/vok/storagelog"
+    local rc=0
+    confined "$build/qvcollectors/qv-smart-collector" 0 || rc=$?
     local report
     for report in SmartLogs.json SmartRawData.json; do
         echo "==== /mmc2/qvcollection/vok/storagelog/$report ===="
         cat "$reports/$report" 2>/dev/null || echo "(not written)"
         echo
     done
-    echo "==== diagnostic log: $(wc -l < "$scratch/dlog.log") records ===="
+    echo "==== diagnostic log: $(wc -l < "$demoScratch/dlog.log") records ===="
     echo "exit code: $rc"
     echo "==== qv-smart-report ===="
     # Its exit status adds 4 for a drive with a warning and 8 for a failed
@@ -207,6 +222,40 @@ demo() {
         "$reports/SmartLogs.json" "$reports/SmartRawData.json" || verdicts=$?
     echo "qv-smart-report exit status: $verdicts (4: a warning, 8: a failure)"
     [ $((verdicts & 3)) -eq 0 ] || return 1
+    return $rc
+}
+
+# memory DRIVES [RAW_OCTETS]: the peak memory of one daily-mode run over
+# DRIVES drives as bench/make-scenario.py lays them out, the first
+# solid-state drive's raw-data reply RAW_OCTETS octets long if given: the
+# figure MemoryMax= of qv-smart-collector.service is chosen against. The
+# collector's own output is shown only when the run failed.
+memory() {
+    local drives=$1 octets=${2:-} made
+    made=$(mktemp -d)
+    python3 "$here/bench/make-scenario.py" \
+        "$here/tools/storage-sim/scenarios/demo.json" "$drives" "$made" >/dev/null
+    if [ -n "$octets" ]; then
+        python3 - "$made/scenario-$drives.json" "$octets" <<'EOF'
+import json, sys
+path, octets = sys.argv[1], int(sys.argv[2])
+scenario = json.load(open(path))
+first = next(fqdd for fqdd, drive in scenario["drives"].items()
+             if "rawData" in drive)
+scenario["drives"][first]["rawData"] = {"dataLength": octets}
+json.dump(scenario, open(path, "w"))
+EOF
+    fi
+    startServer "$made/scenario-$drives.json" "$made/tables-$drives.json" daemon
+    rm -rf "$made"
+    local rc=0
+    confined /usr/bin/time -f '%M' -o "$demoScratch/peak" \
+        "$build/qvcollectors/qv-smart-collector" 1 > "$demoScratch/output" 2>&1 ||
+        rc=$?
+    [ "$rc" -eq 0 ] || tail -n 5 "$demoScratch/output" >&2
+    echo "drives: $drives${octets:+, one raw-data reply of $octets octets}"
+    echo "exit code: $rc"
+    echo "peak RSS: $(cat "$demoScratch/peak") kB"
     return $rc
 }
 
@@ -379,6 +428,16 @@ case "${1:-}" in
         echo "tests (aarch64): ${passedTotal} passed, ${failedTotal} failed"
         exit $status
         ;;
+    memory)
+        # Not part of `test`: a measurement (bench/README.md).
+        [ $# -ge 2 ] || { echo "usage: $0 memory DRIVES [RAW_OCTETS]" >&2; exit 64; }
+        installPackages time
+        compile > "$here/.bench-build.log" 2>&1 || {
+            cat "$here/.bench-build.log" >&2
+            exit 1
+        }
+        memory "$2" "${3:-}"
+        ;;
     bench)
         # Not part of `test`: timing belongs here, never in a test.
         compile > "$here/.bench-build.log" 2>&1 || {
@@ -435,7 +494,7 @@ case "${1:-}" in
         exec "$here/tests/fuzz/run-fuzz.sh" "${2:-300}"
         ;;
     *)
-        echo "usage: $0 demo [--bus broker]|test|tidy|format|size|test-aarch64|fuzz [SECONDS]|bench [RUNS]|mutate [PATTERN]|evaluate [DATA]" >&2
+        echo "usage: $0 demo [--bus broker]|test|tidy|format|size|test-aarch64|fuzz [SECONDS]|bench [RUNS]|memory DRIVES [RAW_OCTETS]|mutate [PATTERN]|evaluate [DATA]" >&2
         exit 64
         ;;
 esac
