@@ -396,7 +396,7 @@ class CaseRun
     {
         std::optional<testsupport::PrivateBus> bus;
         std::optional<testsupport::Simulator> simulator;
-        std::string scenario = sandbox.dir() + "/scenario.json";
+        std::string scenario = scenarioPath();
         if (!c.contains("server") || !c["server"].is_null())
         {
             std::ofstream(scenario) << scenarioWithCallLog(scenarioOf(c));
@@ -447,17 +447,12 @@ class CaseRun
     // "calls": {member: n}, the calls of each member the simulator got.
     void checkCalls() const
     {
-        const std::string log = readFile(callLogPath());
         const json calls = c.value("calls", json::object());
         for (const auto& [member, times] : calls.items())
         {
-            int made = 0;
-            std::istringstream lines(log);
-            for (std::string line; std::getline(lines, line);)
-            {
-                made += line.starts_with(member + " ") ? 1 : 0;
-            }
-            EXPECT_EQ(made, times.get<int>()) << member << " in\n" << log;
+            EXPECT_EQ(callsOf(member), times.get<int>())
+                << member << " in\n"
+                << readFile(callLogPath());
         }
     }
 
@@ -467,12 +462,24 @@ class CaseRun
     {
         const auto deadline = std::chrono::steady_clock::now() +
                               std::chrono::seconds(60);
-        while (readFile(callLogPath()).find(member + " ") == std::string::npos)
+        while (callsOf(member) == 0)
         {
             ASSERT_LT(std::chrono::steady_clock::now(), deadline)
                 << "no call of " << member;
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
         }
+    }
+
+    // The calls of `member` in the simulator's call log, one line each.
+    int callsOf(const std::string& member) const
+    {
+        int made = 0;
+        std::istringstream lines(readFile(callLogPath()));
+        for (std::string line; std::getline(lines, line);)
+        {
+            made += line.starts_with(member + " ") ? 1 : 0;
+        }
+        return made;
     }
 
     // "log": lines that must be logged; {"line": …, "times": n} exactly n
@@ -700,6 +707,11 @@ class CaseRun
         return records;
     }
 
+    std::string scenarioPath() const
+    {
+        return sandbox.dir() + "/scenario.json";
+    }
+
     std::string callLogPath() const
     {
         return sandbox.dir() + "/calls.log";
@@ -738,7 +750,7 @@ class CaseRun
         return {{"{logs}", sandbox.hostPath(testsupport::smartLogsPath)},
                 {"{raw}", sandbox.hostPath(testsupport::smartRawDataPath)},
                 {"{root}", sandbox.hostPath("")},
-                {"{scenario}", sandbox.dir() + "/scenario.json"},
+                {"{scenario}", scenarioPath()},
                 {"{daily}", sandbox.hostPath(testsupport::dailyDir)}};
     }
 

@@ -379,8 +379,9 @@ JournalSink::~JournalSink()
 // standard error in a container that forbids it: ChildProcess drops it.
 PrivateBus::PrivateBus(BusKind kind) : busKind(kind)
 {
+    const std::string socketName = dir.path() + "/bus";
     const std::string config = dir.write("bus.conf",
-                                         busConfig(kind, dir.path() + "/bus"));
+                                         busConfig(kind, socketName));
     if (kind == BusKind::daemon)
     {
         daemon.emplace(std::vector<std::string>{
@@ -391,10 +392,10 @@ PrivateBus::PrivateBus(BusKind kind) : busKind(kind)
     }
     fs::create_directories(dir.path() + "/journal");
     journal.emplace(dir.path() + "/journal/socket");
-    busAddress = "unix:abstract=" + dir.path() + "/bus";
+    busAddress = "unix:abstract=" + socketName;
     daemon.emplace(brokerCommand(dir.path(), config),
                    EnvChanges{{"DBUS_SYSTEM_BUS_ADDRESS", busAddress}});
-    waitUntilListening(dir.path() + "/bus");
+    waitUntilListening(socketName);
 }
 
 // The broker goes first: the launcher then reaps it and ends, and no

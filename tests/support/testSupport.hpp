@@ -144,10 +144,6 @@ class PrivateBus
     {
         return busAddress;
     }
-    BusKind kind() const
-    {
-        return busKind;
-    }
     // Makes libsystemd's default and system buses this one, for children.
     EnvChanges environment() const;
 
