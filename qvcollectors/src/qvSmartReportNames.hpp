@@ -21,6 +21,8 @@ inline constexpr const char* uncorrectable = "uncorrectableErrorCount";
 inline constexpr const char* crcErrors = "CRCErrorCount";
 inline constexpr const char* lifeRemaining = "percentDriveLifeRemaining";
 inline constexpr const char* pending = "currentPendingSectorCount";
+inline constexpr const char* powerCycles = "Power Cycle Count";
+inline constexpr const char* mediaWrites = "mediaWriteCount";
 } // namespace ssd
 
 // Members of an NVMe drive's record; a 128-bit counter is two members,
@@ -38,6 +40,14 @@ inline constexpr const char* mediaErrorsLower =
     "MediaAndDataIntegrityErrs Lower";
 inline constexpr const char* mediaErrorsUpper =
     "MediaAndDataIntegrityErrs Upper";
+inline constexpr const char* dataUnitsReadLower = "Data Units Read Lower";
+inline constexpr const char* dataUnitsReadUpper = "Data Units Read Upper";
+inline constexpr const char* dataUnitsWrittenLower = "Data Units Written Lower";
+inline constexpr const char* dataUnitsWrittenUpper = "Data Units Written Upper";
+inline constexpr const char* powerCyclesLower = "PowerCycles Lower";
+inline constexpr const char* powerCyclesUpper = "PowerCycles Upper";
+inline constexpr const char* unsafeShutdownsLower = "UnsafeShutdowns Lower";
+inline constexpr const char* unsafeShutdownsUpper = "UnsafeShutdowns Upper";
 } // namespace nvme
 
 // A hard drive's page groups, "<name>(<page code>)".

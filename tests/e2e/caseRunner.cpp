@@ -415,6 +415,10 @@ class CaseRun
                         << scenarioWithCallLog(scenarioOf(c, r));
                     simulator.emplace(scenario, *bus);
                 }
+                if (r.contains("fill"))
+                {
+                    fillDisk(r["fill"].get<std::string>());
+                }
                 auto env = environment(r);
                 check(r, sandbox.run(
                              r.value("args", std::vector<std::string>{"0"}),
@@ -541,6 +545,7 @@ class CaseRun
     void checkReader() const
     {
         const json reader = c.value("reader", json());
+        int run = 0;
         for (const auto& r : reader.is_array() ? reader : json::array({reader}))
         {
             if (r.is_null())
@@ -548,6 +553,7 @@ class CaseRun
                 continue;
             }
             auto result = readReports(r.at("args"), r.value("toFull", false));
+            keepActual(run++, result);
             EXPECT_EQ(result.exitCode, r.value("exit", 0)) << result.err;
             expectText("standard output", result.out,
                        r.value("stdout", json()));
@@ -565,6 +571,21 @@ class CaseRun
     }
 
   private:
+    // QV_CASES_ACTUAL=DIR keeps what each reader run wrote, as
+    // DIR/<case>-<run>.out and .err, to compare with or take as expected.
+    void keepActual(int run, const RunResult& result) const
+    {
+        const char* dir = std::getenv("QV_CASES_ACTUAL");
+        if (dir == nullptr)
+        {
+            return;
+        }
+        auto stem = std::string(dir) + "/" + c.at("name").get<std::string>() +
+                    "-" + std::to_string(run);
+        std::ofstream(stem + ".out", std::ios::binary) << result.out;
+        std::ofstream(stem + ".err", std::ios::binary) << result.err;
+    }
+
     const json c;
     Sandbox sandbox;
     std::map<std::string, std::string> seeded;
@@ -572,6 +593,17 @@ class CaseRun
     bool allSucceeded = true;
     json redated = json::array();
     std::optional<HeldOpens> heldOpens;
+
+    // "fill": a file that takes every free block of its file system, as
+    // a controller's flash fills up between two runs.
+    void fillDisk(const std::string& inside) const
+    {
+        std::ofstream filler(sandbox.hostPath(inside), std::ios::binary);
+        const std::string block(4096, '\0');
+        while (filler.write(block.data(), std::streamsize(block.size())) &&
+               filler.flush())
+        {}
+    }
 
     // A daily run stands for the run's "day": its dated files are renamed.
     void redate(const json& r)
@@ -632,6 +664,14 @@ class CaseRun
         if (what == "write")
         {
             seed(inside, textOf(step.at(2)));
+        }
+        else if (what == "touch")
+        {
+            // A file written at another time: seconds since the epoch.
+            seed(inside, textOf(step.at(2)));
+            const timespec when{step.at(3).get<time_t>(), 0};
+            const std::array<timespec, 2> times{when, when};
+            ASSERT_EQ(utimensat(AT_FDCWD, host.c_str(), times.data(), 0), 0);
         }
         else if (what == "directory")
         {
@@ -737,6 +777,8 @@ class CaseRun
             argv.push_back(substituted(arg, placeholders()));
         }
         argv = testsupport::targetCommand(argv);
+        // Reading times are ends of local days: one zone for every machine.
+        argv.insert(argv.begin(), {"env", "TZ=UTC"});
         if (toFull)
         {
             argv.insert(argv.begin(),

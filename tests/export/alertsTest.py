@@ -7,6 +7,7 @@ for; every process listens on 127.0.0.1 only and is stopped by the test.
 
 alertsTest.py READER DAYS RULES WORK"""
 import csv
+import datetime
 import http.server
 import io
 import json
@@ -50,10 +51,18 @@ def get(port, path):
         return json.loads(reply.read()) if path.startswith("/api") else None
 
 
-# The simulated days, SSD-A's last reading at 70 °C: the temperature from
-# which a solid-state drive warns.
-shutil.copytree(days, f"{work}/days")
-last = f"{work}/days/" + max(n for n in os.listdir(days) if n[:2] == "SL")
+# The simulated days moved to the days up to today, so the last reading is
+# fresh and only a drive that stopped answering days ago is silent; SSD-A's
+# last reading at 70 °C: the temperature from which a solid-state drive
+# warns.
+os.makedirs(f"{work}/days")
+named = sorted({n[2:10] for n in os.listdir(days)})
+for name in os.listdir(days):
+    ago = datetime.timedelta(days=len(named) - 1 - named.index(name[2:10]))
+    day = (datetime.date.today() - ago).strftime("%Y%m%d")
+    shutil.copy(f"{days}/{name}", f"{work}/days/{name[:2]}{day}.json")
+last = f"{work}/days/" + max(n for n in os.listdir(f"{work}/days")
+                             if n[:2] == "SL")
 with open(last) as logs:
     text, count = re.subn(r'("SSD-A":\n\{[^}]*"Drive Temp": ")\d+',
                           r"\g<1>70", logs.read())
@@ -76,8 +85,11 @@ check(all(verdicts.values()) and hot, f"a drive of each verdict: {present}")
 textfile = f"{work}/textfile/qv_smart.prom"
 read("export", "--format=textfile", "--output", textfile, f"{work}/days")
 os.utime(textfile, (time.time() - 27 * 3600,) * 2)
+silent = {f for f, d in present.items() if d["silent_since"]}
+check(silent, f"a drive without a reading on the last day: {present}")
 expected = ({("QvSmartDriveFailed", f) for f in verdicts["FAILED"]}
             | {("QvSmartDriveHot", f) for f in hot}
+            | {("QvSmartDriveSilent", f) for f in silent}
             | {("QvSmartTextfileStale", textfile)})
 
 
@@ -189,7 +201,8 @@ with open(f"{work}/webhook.json", "w") as out:
 check({key(a) for a in alerts()} == expected, f"received {alerts()}")
 for alert in alerts():
     labels = alert["labels"]
-    check(labels.get("fqdd") not in verdicts["PASSED"], f"PASSED: {alert}")
+    check(labels.get("fqdd") not in verdicts["PASSED"] - silent,
+          f"PASSED: {alert}")
     check((labels["instance"], labels["job"]) == (nodeExporter, "node")
           and labels.get("class") == present.get(labels.get("fqdd"), {})
           .get("class"), f"labels: {alert}")

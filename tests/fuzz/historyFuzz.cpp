@@ -110,7 +110,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             qvreport::Assessment(qvreport::snapshotReasons(drive));
         }
         // Each further document a day later, so trends have days to span.
-        builder.add(day, qvreport::driveHealth(*document));
+        builder.add(day, qvreport::driveHealth(*document), 0);
         day += std::chrono::days(1);
     }
     const auto history = builder.build();

@@ -64,6 +64,8 @@ DriveHealth solidState(const Node& record)
     health.reallocated = field(record, ssd::reallocated);
     health.pending = field(record, ssd::pending);
     health.commandTimeouts = field(record, ssd::commandTimeout);
+    health.powerCycles = field(record, ssd::powerCycles);
+    health.dataWritten = field(record, ssd::mediaWrites);
     return health;
 }
 
@@ -98,6 +100,14 @@ DriveHealth nvme(const Node& record)
     health.availableSpare = field(record, nvme::availableSpare);
     health.spareThreshold = field(record, nvme::spareThreshold);
     health.criticalWarning = number(record, nvme::criticalWarning);
+    health.powerCycles = wideCounter(record, nvme::powerCyclesLower,
+                                     nvme::powerCyclesUpper);
+    health.dataRead = wideCounter(record, nvme::dataUnitsReadLower,
+                                  nvme::dataUnitsReadUpper);
+    health.dataWritten = wideCounter(record, nvme::dataUnitsWrittenLower,
+                                     nvme::dataUnitsWrittenUpper);
+    health.unsafeShutdowns = wideCounter(record, nvme::unsafeShutdownsLower,
+                                         nvme::unsafeShutdownsUpper);
     return health;
 }
 
@@ -169,6 +179,14 @@ std::optional<std::uint64_t> bigEndian(std::optional<std::vector<unsigned>> v,
     return value;
 }
 
+// A log parameter read as one big-endian number, whatever its length.
+std::optional<std::uint64_t> wholeParameter(const std::vector<unsigned>& page,
+                                            unsigned code)
+{
+    auto param = logParameter(page, code);
+    return bigEndian(param, 0, param ? param->size() : 0);
+}
+
 void addTo(Figure& total, std::optional<std::uint64_t> count)
 {
     if (auto value = figure(count); value)
@@ -185,10 +203,15 @@ void sataPage(DriveHealth& health, std::string_view name,
     namespace names = reportNames::sataPage;
     if (name == names::general)
     {
+        health.powerCycles = figure(statistic(page, 0x08, 4));
         health.powerOnHours = figure(statistic(page, 0x10, 4));
+        health.dataWritten = figure(statistic(page, 0x18));
+        health.dataRead = figure(statistic(page, 0x28));
     }
     else if (name == names::rotatingMedia)
     {
+        health.headFlyingHours = figure(statistic(page, 0x10, 4));
+        health.loadEvents = figure(statistic(page, 0x18, 4));
         health.reallocated = figure(statistic(page, 0x20, 4));
         health.pending = figure(statistic(page, 0x38, 4));
     }
@@ -215,10 +238,11 @@ void sasPage(DriveHealth& health, std::string_view name,
     // A slot may carry another page than its own (a service filling in for
     // a page the drive lacks); its parameter codes mean something else.
     namespace names = reportNames::sasPage;
-    constexpr std::array<std::pair<std::string_view, unsigned>, 5> codes = {{
+    constexpr std::array<std::pair<std::string_view, unsigned>, 6> codes = {{
         {names::readErrors, 0x03},
         {names::writeErrors, 0x02},
         {names::verifyErrors, 0x05},
+        {names::startStopCycles, 0x0e},
         {names::backgroundScan, 0x15},
         {names::temperature, 0x0d},
     }};
@@ -232,9 +256,20 @@ void sasPage(DriveHealth& health, std::string_view name,
     if (name == names::readErrors || name == names::writeErrors ||
         name == names::verifyErrors)
     {
-        auto param = logParameter(page, totalUncorrected);
-        addTo(health.mediaErrors,
-              bigEndian(param, 0, param ? param->size() : 0));
+        addTo(health.mediaErrors, wholeParameter(page, totalUncorrected));
+        constexpr unsigned bytesProcessed = 5;
+        if (name != names::verifyErrors)
+        {
+            (name == names::readErrors ? health.dataRead : health.dataWritten) =
+                figure(wholeParameter(page, bytesProcessed));
+        }
+    }
+    else if (name == names::startStopCycles)
+    {
+        constexpr unsigned startStops = 4;
+        constexpr unsigned loadUnloads = 6;
+        health.powerCycles = figure(wholeParameter(page, startStops));
+        health.loadEvents = figure(wholeParameter(page, loadUnloads));
     }
     else if (name == names::temperature)
     {

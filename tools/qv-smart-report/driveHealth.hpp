@@ -34,6 +34,15 @@ struct DriveHealth
     Figure spareThreshold;
     // NVMe critical-warning bits.
     std::optional<std::uint64_t> criticalWarning;
+    // Counters that only rise over a drive's life and are never judged: no
+    // report carries a serial number, so a history tells drives apart by
+    // them.
+    Figure powerCycles;
+    Figure dataWritten;
+    Figure dataRead;
+    Figure headFlyingHours;
+    Figure loadEvents;
+    Figure unsafeShutdowns;
 };
 
 // The figures the outputs show, in their order, by their column names.

@@ -1,5 +1,7 @@
 #include "history.hpp"
 
+#include "driveIdentity.hpp"
+
 #include <algorithm>
 #include <limits>
 #include <tuple>
@@ -92,6 +94,19 @@ const Trend& DriveRecord::trend(Figure DriveHealth::*figure) const
     return trends.at(size_t(column - figureColumns.begin()));
 }
 
+const std::string& DriveRecord::bayOn(Day day) const
+{
+    // Each move is to the next one's bay, the last to the bay it is in.
+    for (const auto& move : moves)
+    {
+        if (day < move.day)
+        {
+            return move.from;
+        }
+    }
+    return fqdd;
+}
+
 namespace
 {
 
@@ -101,23 +116,6 @@ bool hasReading(const DriveHealth& health)
            std::ranges::any_of(namedFigures, [&health](const auto& column) {
                return (health.*column.figure).has_value();
            });
-}
-
-// Another drive in the bay: its power-on hours fell to less than half of
-// the last reading's, or its class changed. A drive's own count may step
-// back a little (a real one went back 1,068 of its 22,198 hours from one
-// day to the next), so a small drop is not taken for another drive. No
-// report carries a serial number or model.
-bool anotherDrive(const DriveRecord& record, const DriveHealth& reading)
-{
-    if (record.days == 0)
-    {
-        return false;
-    }
-    const auto& hours = record.trend(&DriveHealth::powerOnHours).last;
-    return (hours && reading.powerOnHours &&
-            *reading.powerOnHours < *hours / 2) ||
-           reading.driveClass != record.driveClass;
 }
 
 // Today's reasons, each since the first day of the readings up to today on
@@ -137,7 +135,7 @@ std::vector<Reason> heldSince(const std::vector<Reason>& before,
 
 // The reasons that hold, with a failure counter that kept rising failing
 // the drive since the day it first rose.
-Assessment assess(const DriveRecord& record)
+std::vector<Reason> reasonsNow(const DriveRecord& record)
 {
     auto found = record.holding;
     for (auto member : failureCounters)
@@ -156,22 +154,93 @@ Assessment assess(const DriveRecord& record)
                              std::to_string(*trend.last),
                          trend.firstRose});
     }
+    return found;
+}
+
+// The reasons that hold and every reason that failed the drive before: a
+// failure that no longer shows (sectors remapped, a drive that cooled
+// down) keeps its first day.
+Assessment assess(const DriveRecord& record)
+{
+    auto found = reasonsNow(record);
+    for (const auto& failed : record.latched)
+    {
+        auto now = std::ranges::find_if(found, [&failed](const Reason& r) {
+            return r.figure == failed.figure && r.verdict == Verdict::failed;
+        });
+        if (now == found.end())
+        {
+            found.push_back(failed);
+            found.back().latched = true;
+        }
+        else if (failed.since && (!now->since || *failed.since < *now->since))
+        {
+            now->since = failed.since;
+        }
+    }
     return Assessment(std::move(found));
+}
+
+void latchFailures(DriveRecord& record, const Assessment& assessment)
+{
+    for (const auto& reason : assessment.reasons)
+    {
+        bool known = std::ranges::any_of(record.latched,
+                                         [&reason](const Reason& r) {
+            return r.figure == reason.figure;
+        });
+        if (reason.verdict == Verdict::failed && !known)
+        {
+            record.latched.push_back(reason);
+            record.latched.back().latched = false;
+        }
+    }
+}
+
+// The reading into the drive's running figures, reasons and verdict.
+void addReading(DriveRecord& record, Day day, DriveHealth& health,
+                std::int64_t time, bool keepDays)
+{
+    record.lastSeen = std::max(record.lastSeen, day);
+    record.driveClass = health.driveClass;
+    record.lastDay = day;
+    record.lastReadingTime = time;
+    ++record.days;
+    for (size_t i = 0; i < figureColumns.size(); ++i)
+    {
+        record.trends.at(i).add(day, health.*figureColumns.at(i).figure);
+    }
+    record.holding = heldSince(record.holding, snapshotReasons(health), day);
+    auto assessment = assess(record);
+    latchFailures(record, assessment);
+    if (keepDays)
+    {
+        record.series.add(day, health, assessment.verdict);
+    }
+    record.latest = std::move(health);
+}
+
+std::string setAsideLine(const std::string& fqdd, Day day,
+                         const std::string& why)
+{
+    return fqdd + ": reading of " + dayText(day) + " set aside: " + why;
 }
 
 } // namespace
 
-HistoryBuilder::HistoryBuilder(HistoryOptions options) : options(options) {}
+HistoryBuilder::HistoryBuilder(HistoryOptions options) :
+    options(std::move(options))
+{}
 
 void HistoryBuilder::add(Day day, const std::vector<DriveHealth>& drives,
-                         bool wholeRun)
+                         std::int64_t readingTime)
 {
     if (gathering && *gathering != day)
     {
         closeDay();
     }
     gathering = day;
-    gatheredWholeRun = gatheredWholeRun || wholeRun;
+    gatheredTime = std::max(gatheredTime, readingTime);
     for (const auto& drive : drives)
     {
         // Drives without an FQDD cannot be told apart from day to day.
@@ -182,46 +251,86 @@ void HistoryBuilder::add(Day day, const std::vector<DriveHealth>& drives,
     }
 }
 
-void HistoryBuilder::addReading(Day day, const std::string& fqdd,
-                                DriveHealth& health)
+bool HistoryBuilder::live(size_t record) const
+{
+    return !records[record].vanished;
+}
+
+size_t HistoryBuilder::open(Day day, const std::string& fqdd,
+                            const std::string& driveClass)
+{
+    if (auto bay = inBay.find(fqdd); bay != inBay.end())
+    {
+        // Another drive is seen in its bay.
+        records[bay->second].vanished = true;
+    }
+    DriveRecord opened;
+    opened.fqdd = fqdd;
+    opened.driveClass = driveClass;
+    opened.firstDay = day;
+    opened.lastDay = day;
+    opened.lastSeen = day;
+    inBay.insert_or_assign(fqdd, records.size());
+    records.push_back(std::move(opened));
+    return records.size() - 1;
+}
+
+// A bay listed without figures: its drive is seen, not read.
+void HistoryBuilder::listed(Day day, const std::string& fqdd,
+                            const DriveHealth& health)
 {
     auto bay = inBay.find(fqdd);
-    bool reading = hasReading(health);
-    if (bay == inBay.end() ||
-        (reading && anotherDrive(records[bay->second], health)))
+    size_t record = bay == inBay.end() ? open(day, fqdd, health.driveClass)
+                                       : bay->second;
+    records[record].lastSeen = day;
+}
+
+void HistoryBuilder::commitHeld(const std::string& fqdd, Held entry)
+{
+    auto& record = records[open(entry.day, fqdd, entry.reading.driveClass)];
+    addReading(record, entry.day, entry.reading, entry.time, options.keepDays);
+}
+
+// A held reading is a glitch when the bay's next reading continues the
+// drive before it at least as well as it continues the held one; else the
+// held reading was another drive's first.
+void HistoryBuilder::settleHeld(Day day, const std::vector<Arrival>& arrivals)
+{
+    for (auto entry = held.begin(); entry != held.end();)
     {
-        if (bay != inBay.end())
+        const auto& [fqdd, hold] = *entry;
+        auto next = std::ranges::find(arrivals, fqdd, &Arrival::fqdd);
+        if (next == arrivals.end())
         {
-            records[bay->second].vanished = true;
+            ++entry;
+            continue;
         }
-        DriveRecord opened;
-        opened.fqdd = fqdd;
-        opened.driveClass = health.driveClass;
-        opened.firstDay = day;
-        opened.lastDay = day;
-        inBay.insert_or_assign(fqdd, records.size());
-        records.push_back(std::move(opened));
-        bay = inBay.find(fqdd);
+        auto bay = inBay.find(fqdd);
+        if (bay == inBay.end() || !live(bay->second))
+        {
+            // The drive it broke with has gone elsewhere meanwhile.
+            commitHeld(fqdd, hold);
+            entry = held.erase(entry);
+            continue;
+        }
+        const auto& before = records[bay->second];
+        auto old = costOf(
+            continuity(before.latest, before.lastDay, next->reading, day),
+            false);
+        auto fresh = costOf(
+            continuity(hold.reading, hold.day, next->reading, day), false);
+        if (old && (!fresh || *old <= *fresh))
+        {
+            setAside.push_back(setAsideLine(
+                fqdd, hold.day,
+                hold.why + ", and the next reading continues the drive"));
+        }
+        else
+        {
+            commitHeld(fqdd, hold);
+        }
+        entry = held.erase(entry);
     }
-    auto& record = records[bay->second];
-    record.lastSeen = day;
-    if (!reading)
-    {
-        return;
-    }
-    record.driveClass = health.driveClass;
-    record.lastDay = day;
-    ++record.days;
-    for (size_t i = 0; i < figureColumns.size(); ++i)
-    {
-        record.trends.at(i).add(day, health.*figureColumns.at(i).figure);
-    }
-    record.holding = heldSince(record.holding, snapshotReasons(health), day);
-    if (options.keepDays)
-    {
-        record.series.add(day, health, assess(record).verdict);
-    }
-    record.latest = std::move(health);
 }
 
 void HistoryBuilder::closeDay()
@@ -230,37 +339,277 @@ void HistoryBuilder::closeDay()
     {
         return;
     }
-    Day day = *gathering;
-    if (!gathered.empty())
-    {
-        first = std::min(first.value_or(day), day);
-        last = std::max(last.value_or(day), day);
-        lastDayWholeRun = gatheredWholeRun;
-    }
+    const Day day = *gathering;
+    reportDays.push_back(day);
+    std::vector<Arrival> arrivals;
     for (auto& [fqdd, health] : gathered)
     {
-        addReading(day, fqdd, health);
+        if (!hasReading(health))
+        {
+            listed(day, fqdd, health);
+        }
+        else if (allZero(health))
+        {
+            setAside.push_back(setAsideLine(fqdd, day, "every figure is 0"));
+            listed(day, fqdd, health);
+        }
+        else
+        {
+            arrivals.push_back({fqdd, std::move(health)});
+        }
     }
+    settleHeld(day, arrivals);
+    match(day, arrivals);
     gathered.clear();
-    gatheredWholeRun = false;
+    gatheredTime = 0;
     gathering.reset();
+}
+
+// Each reading to the drive it continues: its bay's drive when seamless,
+// else the cheapest assignment of the day's odd readings.
+void HistoryBuilder::match(Day day, std::vector<Arrival>& arrivals)
+{
+    std::vector<std::optional<size_t>> driveOf(arrivals.size());
+    bool allSeamless = true;
+    for (size_t i = 0; i < arrivals.size(); ++i)
+    {
+        auto bay = inBay.find(arrivals[i].fqdd);
+        if (bay == inBay.end() || !live(bay->second))
+        {
+            allSeamless = false;
+            continue;
+        }
+        const auto& record = records[bay->second];
+        if (record.days == 0 ||
+            continuity(record.latest, record.lastDay, arrivals[i].reading, day)
+                .seamless())
+        {
+            driveOf[i] = bay->second;
+        }
+        else
+        {
+            allSeamless = false;
+        }
+    }
+    if (!allSeamless)
+    {
+        driveOf = resolve(day, arrivals, std::move(driveOf));
+    }
+    std::vector<bool> matched(records.size(), false);
+    for (const auto& drive : driveOf)
+    {
+        if (drive)
+        {
+            matched[*drive] = true;
+        }
+    }
+    // Drives that moved leave their bays before new ones take bays.
+    for (bool firstPass : {true, false})
+    {
+        for (size_t i = 0; i < arrivals.size(); ++i)
+        {
+            if (driveOf[i].has_value() == firstPass)
+            {
+                arrive(day, arrivals[i], driveOf[i], matched);
+            }
+        }
+    }
+}
+
+std::vector<std::optional<size_t>>
+    HistoryBuilder::resolve(Day day, const std::vector<Arrival>& arrivals,
+                            std::vector<std::optional<size_t>> fast)
+{
+    std::vector<size_t> readings;
+    for (size_t i = 0; i < arrivals.size(); ++i)
+    {
+        if (!fast[i])
+        {
+            readings.push_back(i);
+        }
+    }
+    releasePartners(day, arrivals, fast, readings);
+    std::vector<bool> taken(records.size(), false);
+    for (const auto& drive : fast)
+    {
+        if (drive)
+        {
+            taken[*drive] = true;
+        }
+    }
+    std::vector<size_t> drives;
+    for (size_t record = 0; record < records.size(); ++record)
+    {
+        if (!taken[record] && live(record) && records[record].days > 0)
+        {
+            drives.push_back(record);
+        }
+    }
+    auto assigned = assignReadings(day, arrivals, readings, drives);
+    for (size_t i = 0; i < readings.size(); ++i)
+    {
+        if (assigned[i])
+        {
+            fast[readings[i]] = drives[*assigned[i]];
+        }
+    }
+    return fast;
+}
+
+// A seamless drive of another bay may be one of two swapped: it and its own
+// bay's reading join the odd ones.
+void HistoryBuilder::releasePartners(Day day,
+                                     const std::vector<Arrival>& arrivals,
+                                     std::vector<std::optional<size_t>>& fast,
+                                     std::vector<size_t>& readings) const
+{
+    for (size_t k = 0; k < readings.size(); ++k)
+    {
+        for (size_t i = 0; i < arrivals.size(); ++i)
+        {
+            if (!fast[i] || records[*fast[i]].days == 0)
+            {
+                continue;
+            }
+            const auto& record = records[*fast[i]];
+            auto other = continuity(record.latest, record.lastDay,
+                                    arrivals[readings[k]].reading, day);
+            if (other.seamless() && other.shared > 0)
+            {
+                fast[i].reset();
+                readings.push_back(i);
+            }
+        }
+    }
+}
+
+// The cheapest drive for each of the readings among the drives.
+std::vector<std::optional<size_t>>
+    HistoryBuilder::assignReadings(Day day,
+                                   const std::vector<Arrival>& arrivals,
+                                   const std::vector<size_t>& readings,
+                                   const std::vector<size_t>& drives) const
+{
+    std::vector<std::vector<std::optional<std::int64_t>>> cost(
+        readings.size(),
+        std::vector<std::optional<std::int64_t>>(drives.size()));
+    std::vector<std::int64_t> unread(drives.size(), 0);
+    for (size_t j = 0; j < drives.size(); ++j)
+    {
+        const auto& record = records[drives[j]];
+        for (size_t i = 0; i < readings.size(); ++i)
+        {
+            const auto& arrival = arrivals[readings[i]];
+            auto fit = continuity(record.latest, record.lastDay,
+                                  arrival.reading, day);
+            cost[i][j] = costOf(fit, arrival.fqdd != record.fqdd);
+            if (arrival.fqdd == record.fqdd && fit.possible)
+            {
+                unread[j] = matchCost::unread;
+            }
+        }
+    }
+    return qvreport::assignReadings(cost, unread);
+}
+
+// A reading to its drive, moved or not; or the first of another drive,
+// held for a day when it breaks with the drive its bay had.
+void HistoryBuilder::arrive(Day day, Arrival& arrival,
+                            std::optional<size_t> drive,
+                            const std::vector<bool>& matched)
+{
+    // The drive the bay had, if it has no reading elsewhere today.
+    std::optional<size_t> before;
+    if (auto bay = inBay.find(arrival.fqdd);
+        bay != inBay.end() && live(bay->second) && !matched[bay->second])
+    {
+        before = bay->second;
+    }
+    if (!drive && before && records[*before].days > 0)
+    {
+        const auto& record = records[*before];
+        auto why =
+            continuity(record.latest, record.lastDay, arrival.reading, day).why;
+        held.insert_or_assign(arrival.fqdd,
+                              Held{day, std::move(arrival.reading),
+                                   gatheredTime, std::move(why)});
+        return;
+    }
+    if (!drive)
+    {
+        drive = open(day, arrival.fqdd, arrival.reading.driveClass);
+    }
+    auto& record = records[*drive];
+    if (record.fqdd != arrival.fqdd)
+    {
+        if (auto left = inBay.find(record.fqdd);
+            left != inBay.end() && left->second == *drive)
+        {
+            inBay.erase(left);
+        }
+        if (before)
+        {
+            // Another drive is seen in its bay.
+            records[*before].vanished = true;
+        }
+        record.moves.push_back({day, record.fqdd});
+        record.fqdd = arrival.fqdd;
+        inBay.insert_or_assign(arrival.fqdd, *drive);
+    }
+    addReading(record, day, arrival.reading, gatheredTime, options.keepDays);
+}
+
+void HistoryBuilder::retire()
+{
+    for (const auto& retirement : options.retirements)
+    {
+        for (auto& record : records)
+        {
+            if (record.fqdd == retirement.fqdd && !record.vanished &&
+                record.lastSeen <= retirement.day)
+            {
+                record.vanished = true;
+                record.retired = retirement.day;
+            }
+        }
+    }
 }
 
 History HistoryBuilder::build()
 {
     closeDay();
+    for (auto& [fqdd, hold] : held)
+    {
+        // Nothing came after it to tell; counters at 0 are more likely a
+        // glitch than a drive that has never run.
+        if (zeroedCounters(hold.reading))
+        {
+            setAside.push_back(setAsideLine(
+                fqdd, hold.day, hold.why + ", and nothing read after it"));
+        }
+        else
+        {
+            commitHeld(fqdd, hold);
+        }
+    }
+    retire();
+    History history;
+    if (!reportDays.empty())
+    {
+        history.firstDay = reportDays.front();
+        history.lastDay = reportDays.back();
+    }
     for (auto& record : records)
     {
         record.assessment = assess(record);
-        record.appeared = record.firstDay > *first;
-        // A collection run lists every drive the server has: one it leaves
-        // out is gone. A daily run may miss a drive whose data could not be
-        // read, so only days on end without a reading mean it is gone.
-        bool missedWholeRun = lastDayWholeRun && record.lastSeen < *last;
-        bool silentTooLong = *last - record.lastDay >=
-                             std::chrono::days(options.staleAfter);
-        record.vanished = record.vanished || missedWholeRun || silentTooLong;
-        record.stale = !record.vanished && record.lastDay < *last;
+        record.appeared = record.firstDay > *history.firstDay;
+        auto after = std::ranges::upper_bound(reportDays, record.lastDay);
+        if (!record.vanished && (record.days == 0 || after != reportDays.end()))
+        {
+            record.silentSince = record.days == 0 ? record.firstDay : *after;
+        }
+        history.newestReading = std::max(history.newestReading,
+                                         record.lastReadingTime);
     }
     std::ranges::stable_sort(records, [](const auto& a, const auto& b) {
         return std::tie(a.fqdd, a.firstDay) < std::tie(b.fqdd, b.firstDay);
@@ -269,9 +618,36 @@ History HistoryBuilder::build()
                              [](const DriveRecord& record) {
         return record.assessment.verdict;
     });
-    History history{std::move(records), first, last};
+    history.drives = std::move(records);
+    history.setAside = std::move(setAside);
     *this = HistoryBuilder(options);
     return history;
+}
+
+std::vector<std::string> driveMarks(const DriveRecord& drive)
+{
+    std::vector<std::string> marks;
+    if (drive.appeared)
+    {
+        marks.emplace_back("appeared");
+    }
+    for (const auto& move : drive.moves)
+    {
+        marks.push_back("moved from " + move.from + " on " + dayText(move.day));
+    }
+    if (drive.retired)
+    {
+        marks.push_back("retired " + dayText(*drive.retired));
+    }
+    else if (drive.vanished)
+    {
+        marks.emplace_back("vanished");
+    }
+    if (drive.silentSince)
+    {
+        marks.push_back("silent since " + dayText(*drive.silentSince));
+    }
+    return marks;
 }
 
 namespace
@@ -281,6 +657,7 @@ namespace
 struct Run
 {
     Day day;
+    std::int64_t time;
     std::vector<DriveHealth> drives;
 };
 
@@ -290,12 +667,13 @@ std::vector<Run> runsOf(const DatedFile& file, std::ostream& err, bool& intact)
     intact = readReportFile(
                  file.path, err,
                  [&runs](const Document& document) {
-        runs.push_back({Day{}, driveHealth(document)});
+        runs.push_back({Day{}, 0, driveHealth(document)});
                  }) &&
         intact;
     for (size_t i = 0; i < runs.size(); ++i)
     {
         runs[i].day = file.day - std::chrono::days(runs.size() - 1 - i);
+        runs[i].time = readingTime(runs[i].day, file.written);
     }
     return runs;
 }
@@ -319,12 +697,12 @@ History readHistory(const std::vector<DatedFile>& files, const Period& period,
     std::erase_if(
         runs, [&period](const Run& run) { return !inPeriod(run.day, period); });
     std::ranges::stable_sort(runs, {}, &Run::day);
-    HistoryBuilder builder(options);
+    HistoryBuilder builder(std::move(options));
     auto run = runs.begin();
     auto runsBefore = [&](std::optional<Day> day) {
         for (; run != runs.end() && (!day || run->day < *day); ++run)
         {
-            builder.add(run->day, run->drives, true);
+            builder.add(run->day, run->drives, run->time);
         }
     };
     for (const auto& file : files)
@@ -335,15 +713,28 @@ History readHistory(const std::vector<DatedFile>& files, const Period& period,
         }
         // A collection on the same day as a daily run came after it.
         runsBefore(file.day);
+        const auto time = readingTime(file.day, file.written);
+        if (file.empty)
+        {
+            // The collector ran but could not write: not one drive read.
+            err << file.path << ": empty, a day without readings\n";
+            builder.add(file.day, {}, 0);
+            continue;
+        }
         intact = readReportFile(
                      file.path, err,
                      [&](const Document& document) {
-            builder.add(file.day, driveHealth(document));
+            builder.add(file.day, driveHealth(document), time);
                      }) &&
             intact;
     }
     runsBefore(std::nullopt);
-    return builder.build();
+    auto history = builder.build();
+    for (const auto& line : history.setAside)
+    {
+        err << line << '\n';
+    }
+    return history;
 }
 
 } // namespace qvreport

@@ -60,11 +60,28 @@ class DailySeries
     void put(size_t figure, std::optional<std::int64_t> value);
 };
 
+// Where a drive went: from one bay to another on a day.
+struct Move
+{
+    Day day;
+    std::string from;
+};
+
+// An operator's word that a drive is out of the server for good: the
+// drive in the bay whose last reading is on or before the day.
+struct Retirement
+{
+    std::string fqdd;
+    Day day;
+    std::string note;
+};
+
 // One drive from its first reading to its last: its identity, the running
 // figures of its readings, the reasons that hold and the verdict. Every
 // output of the history is written from it.
 struct DriveRecord
 {
+    // The bay it is in, or was in last.
     std::string fqdd;
     // The class of its last reading.
     std::string driveClass;
@@ -75,23 +92,32 @@ struct DriveRecord
     int days = 0;
     // The last day a report listed it, with or without figures.
     Day lastSeen{};
+    // When its last reading was taken, in seconds since the epoch.
+    std::int64_t lastReadingTime = 0;
     std::array<Trend, figureColumns.size()> trends{};
     // The last reading itself.
     DriveHealth latest;
     // The last reading's reasons, each since the first of the readings up
     // to the last on which it held.
     std::vector<Reason> holding;
+    // Every reason that failed it, from the first day each did: a FAILED
+    // verdict lasts until the drive is replaced or retired.
+    std::vector<Reason> latched;
     Assessment assessment{{}};
     bool appeared = false;
-    // Another drive took its bay, or it went without a reading too long.
+    std::vector<Move> moves;
+    // Another drive took its bay, or an operator retired it.
     bool vanished = false;
-    // Still the server's, but without a reading on the history's last day:
-    // its verdict is the one of its last reading.
-    bool stale = false;
+    std::optional<Day> retired;
+    // Still the server's, but without a reading since this report day: its
+    // verdict is the one of its last reading.
+    std::optional<Day> silentSince;
     // Only when the history keeps its days.
     DailySeries series;
 
     const Trend& trend(Figure DriveHealth::*figure) const;
+    // The bay it was in on a day of its readings.
+    const std::string& bayOn(Day day) const;
 };
 
 // The drives followed across the days read, each assessed once.
@@ -101,49 +127,96 @@ struct History
     std::vector<DriveRecord> drives;
     std::optional<Day> firstDay;
     std::optional<Day> lastDay;
+    // When the newest reading of any drive was taken, in seconds since the
+    // epoch; 0 without any.
+    std::int64_t newestReading = 0;
+    // Readings set aside, one line each: "FQDD: reading of DAY set aside:
+    // why".
+    std::vector<std::string> setAside;
 };
 
 struct HistoryOptions
 {
     // Keep every reading for the outputs that show each day.
     bool keepDays = false;
-    // Days without a reading after which a drive counts as gone.
-    int staleAfter = 3;
+    std::vector<Retirement> retirements;
 };
 
 // Builds the history from reports given day by day, in order of their days.
-// A drive is followed by its FQDD, which names its bay: power-on hours that
-// drop or a class that changes mean another drive in that bay. A report of
-// the drive without any figure (its log pages could not be read) is a gap,
-// not a recovery.
+// A drive is followed by the counters that only rise (driveIdentity.hpp):
+// in its bay while they continue, into another bay when its figures turn
+// up there, and a break in them is another drive. A report of the drive
+// without any figure (its log pages could not be read) is a gap, not a
+// recovery.
 class HistoryBuilder
 {
   public:
     explicit HistoryBuilder(HistoryOptions options = {});
 
-    // Every drive of one run's report, on its day. `wholeRun` when the
-    // report is a collection run, which lists every drive the server had.
+    // Every drive of one run's report, on its day, read at `readingTime`
+    // (seconds since the epoch). A day without drives still counts as a
+    // day of reports: every drive went without a reading on it.
     void add(Day day, const std::vector<DriveHealth>& drives,
-             bool wholeRun = false);
+             std::int64_t readingTime);
 
     // Moves the days read into the history: the builder is empty after.
     History build();
 
   private:
+    // A reading that broke with its bay's drive, kept until the bay's next
+    // reading says whether it was another drive or a glitch.
+    struct Held
+    {
+        Day day;
+        DriveHealth reading;
+        std::int64_t time;
+        std::string why;
+    };
+    struct Arrival
+    {
+        std::string fqdd;
+        DriveHealth reading;
+    };
+
     HistoryOptions options;
     std::optional<Day> gathering;
     std::map<std::string, DriveHealth> gathered;
-    bool gatheredWholeRun = false;
+    std::int64_t gatheredTime = 0;
     std::vector<DriveRecord> records;
     // The record of the drive in each bay.
     std::map<std::string, size_t> inBay;
-    std::optional<Day> first;
-    std::optional<Day> last;
-    bool lastDayWholeRun = false;
+    std::map<std::string, Held> held;
+    std::vector<Day> reportDays;
+    std::vector<std::string> setAside;
 
     void closeDay();
-    void addReading(Day day, const std::string& fqdd, DriveHealth& health);
+    void listed(Day day, const std::string& fqdd, const DriveHealth& health);
+    void settleHeld(Day day, const std::vector<Arrival>& arrivals);
+    void commitHeld(const std::string& fqdd, Held entry);
+    void match(Day day, std::vector<Arrival>& arrivals);
+    std::vector<std::optional<size_t>>
+        resolve(Day day, const std::vector<Arrival>& arrivals,
+                std::vector<std::optional<size_t>> fast);
+    void releasePartners(Day day, const std::vector<Arrival>& arrivals,
+                         std::vector<std::optional<size_t>>& fast,
+                         std::vector<size_t>& readings) const;
+    std::vector<std::optional<size_t>>
+        assignReadings(Day day, const std::vector<Arrival>& arrivals,
+                       const std::vector<size_t>& readings,
+                       const std::vector<size_t>& drives) const;
+    void arrive(Day day, Arrival& arrival, std::optional<size_t> drive,
+                const std::vector<bool>& matched);
+    size_t open(Day day, const std::string& fqdd,
+                const std::string& driveClass);
+    bool live(size_t record) const;
+    void retire();
 };
+
+// How a drive stands against the history's days, as the outputs name it:
+// "appeared", "moved from BAY on DAY", "vanished", "retired DAY", "silent
+// since DAY"; none for a drive read from the first day to the last in one
+// bay.
+std::vector<std::string> driveMarks(const DriveRecord& drive);
 
 // Reads the files in order of their days into a history. A file read with
 // damage is named on `err` and makes `intact` false; the rest of it is

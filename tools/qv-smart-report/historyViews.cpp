@@ -44,21 +44,32 @@ std::optional<std::vector<std::string>> warningNames(const DriveRecord& drive)
     return criticalWarningNames(*bits);
 }
 
-// How the drive stands against the history's days: appeared after its
-// first, vanished before its last, or stale (no reading on the last day).
+// How the drive stands against the history's days; "-" for a drive read
+// from the first day to the last in one bay.
 std::string seenText(const DriveRecord& drive)
 {
-    std::vector<std::string> marks;
-    for (auto [mark, name] : {std::pair{drive.appeared, "appeared"},
-                              std::pair{drive.vanished, "vanished"},
-                              std::pair{drive.stale, "stale"}})
+    std::string text;
+    for (const auto& mark : driveMarks(drive))
     {
-        if (mark)
-        {
-            marks.emplace_back(name);
-        }
+        text += (text.empty() ? "" : ", ") + mark;
     }
-    return marks.empty() ? "-" : joined(marks, ',');
+    return text.empty() ? "-" : text;
+}
+
+std::string movesText(const DriveRecord& drive)
+{
+    std::string text;
+    for (const auto& move : drive.moves)
+    {
+        text += (text.empty() ? "" : ";") + move.from + " (" +
+                dayText(move.day) + ")";
+    }
+    return text;
+}
+
+Json dayJson(std::optional<Day> day)
+{
+    return day ? Json(dayText(*day)) : Json();
 }
 
 Json trendJson(const Trend& trend, bool counter)
@@ -82,11 +93,11 @@ Json reasonsJson(const Assessment& assessment)
     Json reasons = Json::array();
     for (const auto& reason : assessment.reasons)
     {
-        reasons.push_back(
-            {{"verdict", verdictName(reason.verdict)},
-             {"figure", reason.figure},
-             {"text", reason.text},
-             {"since", reason.since ? Json(dayText(*reason.since)) : Json()}});
+        reasons.push_back({{"verdict", verdictName(reason.verdict)},
+                           {"figure", reason.figure},
+                           {"text", reason.text},
+                           {"since", dayJson(reason.since)},
+                           {"latched", reason.latched}});
     }
     return reasons;
 }
@@ -102,19 +113,28 @@ Json driveJson(const DriveRecord& drive)
                 trendJson(trend, isCounter(column.figure));
         }
     }
+    Json moves = Json::array();
+    for (const auto& move : drive.moves)
+    {
+        moves.push_back({{"from", move.from}, {"day", dayText(move.day)}});
+    }
     auto warnings = warningNames(drive);
-    return Json{{"fqdd", drive.fqdd},
-                {"class", drive.driveClass},
-                {"first_day", dayText(drive.firstDay)},
-                {"last_day", dayText(drive.lastDay)},
-                {"days", drive.days},
-                {"appeared", drive.appeared},
-                {"vanished", drive.vanished},
-                {"stale", drive.stale},
-                {"verdict", verdictName(drive.assessment.verdict)},
-                {"reasons", reasonsJson(drive.assessment)},
-                {"figures", figures},
-                {"critical_warning", warnings ? Json(*warnings) : Json()}};
+    return Json{
+        {"fqdd", drive.fqdd},
+        {"class", drive.driveClass},
+        {"first_day", dayText(drive.firstDay)},
+        {"last_day", dayText(drive.lastDay)},
+        {"days", drive.days},
+        {"last_reading", drive.days > 0 ? Json(drive.lastReadingTime) : Json()},
+        {"appeared", drive.appeared},
+        {"moves", moves},
+        {"vanished", drive.vanished},
+        {"retired", dayJson(drive.retired)},
+        {"silent_since", dayJson(drive.silentSince)},
+        {"verdict", verdictName(drive.assessment.verdict)},
+        {"reasons", reasonsJson(drive.assessment)},
+        {"figures", figures},
+        {"critical_warning", warnings ? Json(*warnings) : Json()}};
 }
 
 std::vector<std::string_view> figureParts(const FigureColumn& column)
@@ -130,9 +150,10 @@ std::vector<std::string_view> figureParts(const FigureColumn& column)
 
 std::vector<std::string> csvColumns()
 {
-    std::vector<std::string> columns{
-        "fqdd",     "class",    "first_day", "last_day", "days",
-        "appeared", "vanished", "stale",     "verdict",  "reasons"};
+    std::vector<std::string> columns{"fqdd",         "class",    "first_day",
+                                     "last_day",     "days",     "appeared",
+                                     "moved_from",   "vanished", "retired",
+                                     "silent_since", "verdict",  "reasons"};
     for (const auto& column : figureColumns)
     {
         for (auto part : figureParts(column))
@@ -174,8 +195,10 @@ std::vector<std::string> csvRow(const DriveRecord& drive)
         dayText(drive.lastDay),
         std::to_string(drive.days),
         boolText(drive.appeared),
+        movesText(drive),
         boolText(drive.vanished),
-        boolText(drive.stale),
+        dayCell(drive.retired),
+        dayCell(drive.silentSince),
         std::string(verdictName(drive.assessment.verdict)),
         drive.assessment.reasonsText()};
     for (const auto& column : figureColumns)

@@ -209,11 +209,12 @@ void writeDrive(std::ostream& out, const DriveRecord& drive,
         << "<h2><span class='verdict'>" << verdict << "</span>"
         << escaped(drive.fqdd) << "</h2>\n<div class='meta'>"
         << escaped(drive.driveClass) << " · seen " << dayText(drive.firstDay)
-        << " to " << dayText(drive.lastDay) << " (" << drive.days << " days)"
-        << (drive.appeared ? " · appeared" : "")
-        << (drive.vanished ? " · vanished" : "")
-        << (drive.stale ? " · no reading since " + dayText(drive.lastDay) : "")
-        << "</div>\n";
+        << " to " << dayText(drive.lastDay) << " (" << drive.days << " days)";
+    for (const auto& mark : driveMarks(drive))
+    {
+        out << " · " << escaped(mark);
+    }
+    out << "</div>\n";
     if (!drive.assessment.reasons.empty())
     {
         out << "<ul class='reasons'>\n";
@@ -222,7 +223,7 @@ void writeDrive(std::ostream& out, const DriveRecord& drive,
             out << "<li>" << verdictName(reason.verdict) << ": "
                 << escaped(reason.text)
                 << (reason.since ? " since " + dayText(*reason.since) : "")
-                << "</li>\n";
+                << (reason.latched ? ", latched" : "") << "</li>\n";
         }
         out << "</ul>\n";
     }

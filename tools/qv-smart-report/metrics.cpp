@@ -64,6 +64,12 @@ constexpr std::string_view verdictMetric = "qv_smart_device_verdict";
 constexpr std::string_view verdictInfoMetric = "qv_smart_device_verdict_info";
 constexpr std::string_view temperatureWarningMetric =
     "qv_smart_device_temperature_warning_threshold";
+constexpr std::string_view lastReadingMetric =
+    "qv_smart_device_last_reading_timestamp_seconds";
+constexpr std::string_view silentMetric = "qv_smart_device_silent";
+constexpr std::string_view movedMetric = "qv_smart_device_moved_info";
+constexpr std::string_view newestReadingMetric =
+    "qv_smart_newest_reading_timestamp_seconds";
 
 std::string labelValue(std::string_view text)
 {
@@ -81,15 +87,21 @@ std::string labelValue(std::string_view text)
     return escaped;
 }
 
-std::string driveLabels(const DriveRecord& drive, std::string_view extra)
+std::string bayLabels(std::string_view fqdd, std::string_view driveClass,
+                      std::string_view extra)
 {
-    std::string labels = "{fqdd=\"" + labelValue(drive.fqdd) + "\",class=\"" +
-                         labelValue(drive.driveClass) + '"';
+    std::string labels = "{fqdd=\"" + labelValue(fqdd) + "\",class=\"" +
+                         labelValue(driveClass) + '"';
     if (!extra.empty())
     {
         labels += ',' + std::string(extra);
     }
     return labels + '}';
+}
+
+std::string driveLabels(const DriveRecord& drive, std::string_view extra)
+{
+    return bayLabels(drive.fqdd, drive.driveClass, extra);
 }
 
 // A figure in the metric's unit, held to the range of a 64-bit value as the
@@ -121,69 +133,90 @@ struct Sampler
     std::function<std::optional<std::int64_t>(const DriveRecord&)> latest;
 };
 
-// The drives whose samples go into one series each. A bay whose drive was
-// replaced is one series over both drives, in the order of their days,
-// since the labels name the bay: the later ones of the same labels are
-// written with the first.
-std::vector<std::vector<const DriveRecord*>> seriesOf(const History& history,
-                                                      bool stamped)
+// The drives whose samples go into one series each: the labels name the
+// bay, so a bay's series carries the readings of every drive on the days it
+// was in the bay, a drive that moved the ones of each bay in that bay's.
+struct Series
 {
-    std::vector<std::vector<const DriveRecord*>> all;
-    for (const auto& drive : history.drives)
-    {
-        // Without timestamps only the drives still in the server count.
-        if (!stamped && drive.vanished)
-        {
-            continue;
-        }
-        auto same = std::ranges::find_if(all, [&drive](const auto& series) {
-            return series.front()->fqdd == drive.fqdd &&
-                   series.front()->driveClass == drive.driveClass;
+    std::string fqdd;
+    std::string driveClass;
+    std::vector<const DriveRecord*> drives;
+};
+
+std::vector<Series> seriesOf(const History& history, bool stamped)
+{
+    std::vector<Series> all;
+    auto join = [&all](const std::string& fqdd, const DriveRecord& drive) {
+        auto same = std::ranges::find_if(all, [&](const Series& series) {
+            return series.fqdd == fqdd && series.driveClass == drive.driveClass;
         });
         if (same == all.end())
         {
-            all.push_back({&drive});
+            all.push_back({fqdd, drive.driveClass, {&drive}});
         }
-        else
+        else if (same->drives.back() != &drive)
         {
-            same->push_back(&drive);
+            same->drives.push_back(&drive);
         }
-    }
-    for (auto& series : all)
+    };
+    for (const auto& drive : history.drives)
     {
-        std::ranges::sort(series, {}, &DriveRecord::firstDay);
+        // Without timestamps only the drives still in the server count,
+        // each in its bay.
+        if (!stamped)
+        {
+            if (!drive.vanished)
+            {
+                join(drive.fqdd, drive);
+            }
+            continue;
+        }
+        for (const auto& move : drive.moves)
+        {
+            join(move.from, drive);
+        }
+        join(drive.fqdd, drive);
     }
     return all;
 }
 
-using Series = std::vector<const DriveRecord*>;
-
-// One sample per reading day with a value, stamped with its day; or,
-// without stamps, the last reading's value.
+// One sample per reading day with a value, stamped with its day, of the
+// days each drive was in the series' bay; or, without stamps, the last
+// reading's value.
 void writeSeries(std::ostream& out, std::string_view name,
-                 std::string_view extra, const Series& drives,
+                 std::string_view extra, const Series& bay,
                  const Sampler& sampler, bool stamped)
 {
-    auto labels = driveLabels(*drives.front(), extra);
+    auto labels = bayLabels(bay.fqdd, bay.driveClass, extra);
     if (!stamped)
     {
-        if (auto value = sampler.latest(*drives.back()); value)
+        if (auto value = sampler.latest(*bay.drives.back()); value)
         {
             out << name << labels << ' ' << *value << '\n';
         }
         return;
     }
-    for (const auto* drive : drives)
+    std::vector<std::pair<Day, std::int64_t>> samples;
+    for (const auto* drive : bay.drives)
     {
         const auto& series = drive->series;
         for (size_t i = 0; i < series.size(); ++i)
         {
+            if (drive->bayOn(series.day(i)) != bay.fqdd)
+            {
+                continue;
+            }
             if (auto value = sampler.onDay(series, i); value)
             {
-                out << name << labels << ' ' << *value << ' '
-                    << series.day(i).time_since_epoch().count() * 86400 << '\n';
+                samples.emplace_back(series.day(i), *value);
             }
         }
+    }
+    std::ranges::sort(samples);
+    for (const auto& [day, value] : samples)
+    {
+        out << name << labels << ' ' << value << ' '
+            << day.time_since_epoch().count() * 86400 << '\n';
     }
 }
 
@@ -214,9 +247,9 @@ void writeAlertSeries(std::ostream& out, const std::vector<Series>& all)
     writeHeader(out, temperatureWarningMetric,
                 "Temperature from which the drive's verdict warns, in degrees "
                 "Celsius");
-    for (const auto& drives : all)
+    for (const auto& bay : all)
     {
-        const auto& drive = *drives.back();
+        const auto& drive = *bay.drives.back();
         if (drive.latest.temperatureC)
         {
             out << temperatureWarningMetric << driveLabels(drive, "") << ' '
@@ -226,15 +259,62 @@ void writeAlertSeries(std::ostream& out, const std::vector<Series>& all)
     writeHeader(
         out, verdictInfoMetric,
         "Why the verdict of the history is not PASSED, in a label; always 1");
-    for (const auto& drives : all)
+    for (const auto& bay : all)
     {
-        const auto& drive = *drives.back();
+        const auto& drive = *bay.drives.back();
         out << verdictInfoMetric
             << driveLabels(drive,
                            "reasons=\"" +
                                labelValue(drive.assessment.reasonsText()) + '"')
             << " 1\n";
     }
+}
+
+// What tells a drive that stopped answering, a disk too full for reports
+// and a collector that writes nothing from drives that are read every day:
+// when each drive and the newest of all were last read.
+void writeSilenceSeries(std::ostream& out, const std::vector<Series>& all,
+                        const History& history)
+{
+    writeHeader(out, lastReadingMetric,
+                "When the drive's last reading was taken, in seconds since "
+                "the epoch");
+    for (const auto& bay : all)
+    {
+        const auto& drive = *bay.drives.back();
+        if (drive.days > 0)
+        {
+            out << lastReadingMetric << driveLabels(drive, "") << ' '
+                << drive.lastReadingTime << '\n';
+        }
+    }
+    writeHeader(out, silentMetric,
+                "1 when the drive has no reading on the newest day of the "
+                "reports, its verdict the one of its last reading");
+    for (const auto& bay : all)
+    {
+        const auto& drive = *bay.drives.back();
+        out << silentMetric << driveLabels(drive, "") << ' '
+            << (drive.silentSince ? 1 : 0) << '\n';
+    }
+    writeHeader(out, movedMetric,
+                "A drive that was moved from another bay, named in from; "
+                "always 1");
+    for (const auto& bay : all)
+    {
+        const auto& drive = *bay.drives.back();
+        for (const auto& move : drive.moves)
+        {
+            out << movedMetric
+                << driveLabels(drive, "from=\"" + labelValue(move.from) + '"')
+                << " 1\n";
+        }
+    }
+    // 0 without any reading: a controller that never wrote one is stale.
+    writeHeader(out, newestReadingMetric,
+                "When the newest reading of any drive was taken, in seconds "
+                "since the epoch; 0 for none");
+    out << newestReadingMetric << ' ' << history.newestReading << '\n';
 }
 
 void writeMetrics(std::ostream& out, const History& history, bool stamped)
@@ -246,9 +326,9 @@ void writeMetrics(std::ostream& out, const History& history, bool stamped)
         {
             writeHeader(out, family.name, family.help);
         }
-        for (const auto& drives : all)
+        for (const auto& bay : all)
         {
-            writeSeries(out, family.name, family.labels, drives,
+            writeSeries(out, family.name, family.labels, bay,
                         figureSampler(family), stamped);
         }
     }
@@ -260,9 +340,9 @@ void writeMetrics(std::ostream& out, const History& history, bool stamped)
                        [](const DriveRecord& drive) {
         return bitsValue(drive.latest.criticalWarning);
     }};
-    for (const auto& drives : all)
+    for (const auto& bay : all)
     {
-        writeSeries(out, criticalWarningName, "", drives, bits, stamped);
+        writeSeries(out, criticalWarningName, "", bay, bits, stamped);
     }
     writeHeader(out, verdictMetric,
                 "Verdict of the history up to the day: 0 PASSED, 1 WARNING, "
@@ -274,13 +354,14 @@ void writeMetrics(std::ostream& out, const History& history, bool stamped)
         return std::optional<std::int64_t>(
             std::int64_t(drive.assessment.verdict));
     }};
-    for (const auto& drives : all)
+    for (const auto& bay : all)
     {
-        writeSeries(out, verdictMetric, "", drives, verdicts, stamped);
+        writeSeries(out, verdictMetric, "", bay, verdicts, stamped);
     }
     if (!stamped)
     {
         writeAlertSeries(out, all);
+        writeSilenceSeries(out, all, history);
     }
 }
 

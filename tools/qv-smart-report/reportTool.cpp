@@ -4,6 +4,7 @@
 #include "historyViews.hpp"
 #include "htmlPage.hpp"
 #include "metrics.hpp"
+#include "operatorFile.hpp"
 #include "verdict.hpp"
 
 #include <CLI/CLI.hpp>
@@ -191,7 +192,8 @@ enum class Command
     show,
     history,
     exportMetrics,
-    html
+    html,
+    retire
 };
 
 struct Options
@@ -204,6 +206,9 @@ struct Options
     // Only the reports of this many days up to today.
     std::optional<int> recentDays;
     std::string output;
+    // What the operator says of a drive (retire), on this day or today.
+    Retirement retirement;
+    std::optional<Day> actionDay;
 };
 
 Format formatOf(const std::string& name)
@@ -248,14 +253,29 @@ CLI::App* addDaysCommand(CLI::App& app, Options& options, Command command,
     sub->add_option("--days", options.recentDays,
                     "read only the reports of this many days up to today")
         ->check(CLI::Range(1, 100000));
-    sub->add_option("--stale-after", options.history.staleAfter,
-                    "days without a reading after which a drive counts as "
-                    "gone (default 3)")
-        ->check(CLI::Range(1, 100000));
     sub->add_option("PATH", options.paths, "report files and directories")
         ->required();
     sub->final_callback([&options, command] { options.command = command; });
     return sub;
+}
+
+// retire FQDD DIR: the drive in the bay is out of the server for good.
+void addRetireCommand(CLI::App& app, Options& options)
+{
+    auto* sub = app.add_subcommand(
+        "retire", "Records in the daily directory that the drive in a bay was "
+                  "taken out for good: its history ends, it no longer counts "
+                  "in the exit status and the metrics.");
+    auto& retirement = options.retirement;
+    sub->add_option("FQDD", retirement.fqdd, "the drive's bay")->required();
+    sub->add_option("DIR", options.paths, "the daily reports' directory")
+        ->required()
+        ->expected(1)
+        ->check(CLI::ExistingDirectory);
+    sub->add_option("--note", retirement.note, "why, for the record");
+    addDay(*sub, "--day", options.actionDay,
+           "the day it was taken out (default today)");
+    sub->final_callback([&options] { options.command = Command::retire; });
 }
 
 void addSubcommands(CLI::App& app, Options& options, std::string& format)
@@ -278,6 +298,7 @@ void addSubcommands(CLI::App& app, Options& options, std::string& format)
     addDaysCommand(app, options, Command::html, "html",
                    "Writes one self-contained page: the drives by verdict, "
                    "each with plots of its history.");
+    addRetireCommand(app, options);
 }
 
 // The command line, through CLI11: --help and --version answer on standard
@@ -405,16 +426,20 @@ int showDays(const Options& options, std::ostream& out, std::ostream& err)
         Day first = today() - std::chrono::days(*options.recentDays - 1);
         period.since = std::max(period.since.value_or(first), first);
     }
+    auto historyOptions = options.history;
+    historyOptions.retirements = readRetirements(options.paths, err, intact);
     const History history =
         readHistory(datedFiles(options.paths, period, err, intact), period,
-                    options.history, err, intact);
+                    std::move(historyOptions), err, intact);
     int status = intact ? exitOk : exitDamaged;
     for (const auto& drive : history.drives)
     {
-        // A drive gone was replaced: its state is no longer the server's.
+        // A drive gone was replaced or retired: its state is no longer the
+        // server's. A silent one's still is.
         if (!drive.vanished)
         {
-            status |= verdictBits(drive.assessment.verdict);
+            status |= verdictBits(drive.assessment.verdict) |
+                      (drive.silentSince ? exitSilent : exitOk);
         }
     }
     if (options.command == Command::html)
@@ -448,9 +473,21 @@ int runReportTool(std::span<const std::string> args, std::ostream& out,
         return *code;
     }
     const Options& options = std::get<Options>(parsed);
-    int status = options.command == Command::show
+    int status = exitOk;
+    if (options.command == Command::retire)
+    {
+        auto retirement = options.retirement;
+        retirement.day = options.actionDay.value_or(today());
+        status = recordRetirement(options.paths.front(), retirement, err)
+                     ? exitOk
+                     : exitNotWritten;
+    }
+    else
+    {
+        status = options.command == Command::show
                      ? showReports(options, out, err)
                      : showDays(options, out, err);
+    }
     // A full disk or a closed pipe must not pass for a complete output.
     if (!out.flush())
     {

@@ -19,7 +19,9 @@ enum ExitBit
     exitUsage = 2,
     exitWarning = 4,
     exitFailed = 8,
-    exitNotWritten = 16
+    exitNotWritten = 16,
+    // A drive of the server had no reading on the newest day read.
+    exitSilent = 32
 };
 
 // One JSON line for a document: {"file":..,"line":..,"report":{..}}.

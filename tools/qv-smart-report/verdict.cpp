@@ -163,7 +163,8 @@ std::string Assessment::reasonsText() const
         text += (text.empty() ? "" : "; ") + reason.text;
         if (reason.since)
         {
-            text += " (since " + dayText(*reason.since) + ")";
+            text += " (since " + dayText(*reason.since) +
+                    (reason.latched ? ", latched)" : ")");
         }
     }
     return text;

@@ -30,6 +30,9 @@ struct Reason
     std::string figure;
     std::string text;
     std::optional<Day> since;
+    // A FAILED reason of an earlier reading that no longer holds: the
+    // verdict stays until the drive is replaced or retired.
+    bool latched = false;
 };
 
 struct Assessment
