@@ -61,7 +61,7 @@ void checkMetrics(const qvreport::History& history)
     std::istringstream lines(text.str());
     for (std::string line; std::getline(lines, line);)
     {
-        if (!line.starts_with("# ") && !line.starts_with("qv_smart_device_"))
+        if (!line.starts_with("# ") && !line.starts_with("qv_smart_"))
         {
             finding("a metrics line that is no comment and no sample");
         }

@@ -39,6 +39,19 @@ std::string_view nameOf(Figure DriveHealth::*figure)
     return named == identityNames.end() ? figureName(figure) : named->second;
 }
 
+// Counts near the top of their range (a drive reporting all ones) must not
+// wrap around into a plausible figure.
+std::int64_t saturatedSum(std::int64_t a, std::int64_t b)
+{
+    std::int64_t sum = 0;
+    if (__builtin_add_overflow(a, b, &sum))
+    {
+        return b > 0 ? std::numeric_limits<std::int64_t>::max()
+                     : std::numeric_limits<std::int64_t>::min();
+    }
+    return sum;
+}
+
 void judgeHours(const DriveHealth& last, const DriveHealth& next,
                 std::int64_t days, Continuity& result)
 {
@@ -49,9 +62,9 @@ void judgeHours(const DriveHealth& last, const DriveHealth& next,
     ++result.shared;
     const std::int64_t before = *last.powerOnHours;
     const std::int64_t now = *next.powerOnHours;
-    const std::int64_t expected = before + hoursPerDay * days;
+    const std::int64_t expected = saturatedSum(before, hoursPerDay * days);
     result.hoursOff = now > expected ? now - expected : expected - now;
-    bool tooFar = now > expected + hoursAhead;
+    bool tooFar = now > saturatedSum(expected, hoursAhead);
     bool tooLow = before - now > before / stepBackShare;
     if (tooFar || tooLow || now < before)
     {
@@ -73,8 +86,8 @@ Continuity continuity(const DriveHealth& last, Day lastDay,
         result.why = "class " + next.driveClass + " after " + last.driveClass;
         return result;
     }
-    judgeHours(last, next, std::max<std::int64_t>((nextDay - lastDay).count(), 0),
-               result);
+    judgeHours(last, next,
+               std::max<std::int64_t>((nextDay - lastDay).count(), 0), result);
     auto compare = [&](Figure DriveHealth::*figure, bool rising) {
         const Figure& before = last.*figure;
         const Figure& now = next.*figure;
@@ -110,12 +123,13 @@ namespace
 template <typename Visit>
 bool everyFigure(const DriveHealth& reading, Visit visit)
 {
-    return std::ranges::all_of(namedFigures,
-                               [&](const FigureColumn& column) {
+    return std::ranges::all_of(
+               namedFigures,
+               [&](const FigureColumn& column) {
         return visit(reading.*column.figure);
-    }) && std::ranges::all_of(risingFigures, [&](auto figure) {
-        return visit(reading.*figure);
-    });
+               }) &&
+        std::ranges::all_of(
+            risingFigures, [&](auto figure) { return visit(reading.*figure); });
 }
 
 } // namespace
@@ -123,7 +137,8 @@ bool everyFigure(const DriveHealth& reading, Visit visit)
 bool allZero(const DriveHealth& reading)
 {
     return reading.criticalWarning.value_or(0) == 0 &&
-           everyFigure(reading, [](const Figure& f) { return f.value_or(0) == 0; });
+           everyFigure(reading,
+                       [](const Figure& f) { return f.value_or(0) == 0; });
 }
 
 bool zeroedCounters(const DriveHealth& reading)

@@ -16,11 +16,11 @@ namespace qvreport
 // than the drive's last is another drive's, or the drive's own odd count.
 // Power-on hours are judged on their own (continuity()).
 inline constexpr std::array<Figure DriveHealth::*, 11> risingFigures = {
-    &DriveHealth::powerCycles,     &DriveHealth::dataWritten,
-    &DriveHealth::dataRead,        &DriveHealth::headFlyingHours,
-    &DriveHealth::loadEvents,      &DriveHealth::unsafeShutdowns,
-    &DriveHealth::reallocated,     &DriveHealth::mediaErrors,
-    &DriveHealth::crcErrors,       &DriveHealth::commandTimeouts,
+    &DriveHealth::powerCycles, &DriveHealth::dataWritten,
+    &DriveHealth::dataRead,    &DriveHealth::headFlyingHours,
+    &DriveHealth::loadEvents,  &DriveHealth::unsafeShutdowns,
+    &DriveHealth::reallocated, &DriveHealth::mediaErrors,
+    &DriveHealth::crcErrors,   &DriveHealth::commandTimeouts,
     &DriveHealth::percentUsed};
 
 // The wear a solid-state drive has left only ever goes down.
@@ -90,8 +90,8 @@ std::optional<std::int64_t> costOf(const Continuity& continuity, bool moved);
 // `cost[reading][drive]` (nothing: not that drive), `unreadCost[drive]`
 // when the drive gets none. For each reading, its drive's index or
 // nothing for a new drive.
-std::vector<std::optional<size_t>>
-    assignReadings(const std::vector<std::vector<std::optional<std::int64_t>>>& cost,
-                   const std::vector<std::int64_t>& unreadCost);
+std::vector<std::optional<size_t>> assignReadings(
+    const std::vector<std::vector<std::optional<std::int64_t>>>& cost,
+    const std::vector<std::int64_t>& unreadCost);
 
 } // namespace qvreport

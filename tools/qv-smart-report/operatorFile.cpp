@@ -119,14 +119,13 @@ bool recordRetirement(const std::string& directory,
                                 Json::error_handler_t::replace) +
                       '\n';
     // Appended to only, as the reports are; never through a link.
-    Descriptor file(::open(path.c_str(),
-                           O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW |
-                               O_CLOEXEC,
-                           0644));
+    Descriptor file(
+        ::open(path.c_str(),
+               O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644));
     int failure = file.get() < 0 ? errno : 0;
     errno = 0;
-    if (failure == 0 && ::write(file.get(), line.data(), line.size()) !=
-                            ssize_t(line.size()))
+    if (failure == 0 &&
+        ::write(file.get(), line.data(), line.size()) != ssize_t(line.size()))
     {
         failure = errno != 0 ? errno : EIO;
     }
@@ -141,8 +140,8 @@ bool recordRetirement(const std::string& directory,
     bool written = failure == 0;
     if (!written)
     {
-        err << path.string() << ": cannot be written: "
-            << std::strerror(failure) << '\n';
+        err << path.string()
+            << ": cannot be written: " << std::strerror(failure) << '\n';
     }
     return written;
 }
