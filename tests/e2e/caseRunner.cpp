@@ -571,8 +571,9 @@ class CaseRun
     }
 
   private:
-    // QV_CASES_ACTUAL=DIR keeps what each reader run wrote, as
-    // DIR/<case>-<run>.out and .err, to compare with or take as expected.
+    // QV_CASES_ACTUAL=DIR keeps what each reader run wrote and its exit
+    // code, as DIR/<case>-<run>.out, .err and .exit, to compare with or
+    // take as expected.
     void keepActual(int run, const RunResult& result) const
     {
         const char* dir = std::getenv("QV_CASES_ACTUAL");
@@ -584,6 +585,7 @@ class CaseRun
                     "-" + std::to_string(run);
         std::ofstream(stem + ".out", std::ios::binary) << result.out;
         std::ofstream(stem + ".err", std::ios::binary) << result.err;
+        std::ofstream(stem + ".exit") << result.exitCode << '\n';
     }
 
     const json c;

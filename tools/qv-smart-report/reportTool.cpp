@@ -102,7 +102,11 @@ std::vector<std::string> tableCells(const DriveHealth& drive,
     else
     {
         auto names = criticalWarningNames(*drive.criticalWarning);
-        cells.push_back(names.empty() ? "none" : joined(names, ',') + "!");
+        cells.push_back(
+            names.empty()
+                ? "none"
+                : joined(names, ',') +
+                      (assessment.flags("critical_warning") ? "!" : ""));
     }
     cells.emplace_back(verdictName(assessment.verdict));
     cells.push_back(assessment.reasonsText());

@@ -14,7 +14,6 @@ constexpr std::int64_t hardDriveHotC = 60;
 constexpr std::int64_t lifeLowPercent = 10;
 constexpr std::int64_t usedHighPercent = 90;
 constexpr std::int64_t usedUpPercent = 100;
-constexpr std::uint64_t temperatureWarningBit = 1U << 1;
 
 // A counter warns on any count; from failAt on (0: never) a single report
 // of it fails the drive. A few remapped or unreadable sectors are common on
@@ -57,7 +56,18 @@ void temperatureReason(const DriveHealth& drive, std::vector<Reason>& found)
     }
 }
 
-void wearReasons(const DriveHealth& drive, std::vector<Reason>& found)
+// NVMe figures of a percentage are defined from 0 to 100; a threshold
+// outside 1 to 100 is reserved.
+constexpr std::int64_t percentTop = 100;
+
+Reason implausible(std::string name, std::int64_t value, std::string_view why)
+{
+    auto text = name + ' ' + std::to_string(value) + " implausible";
+    return {Verdict::passed, std::move(name),
+            why.empty() ? text : text + ", " + std::string(why), std::nullopt};
+}
+
+void lifeReason(const DriveHealth& drive, std::vector<Reason>& found)
 {
     if (auto life = drive.lifeRemaining; life && *life <= lifeLowPercent)
     {
@@ -67,19 +77,57 @@ void wearReasons(const DriveHealth& drive, std::vector<Reason>& found)
                                   "<=", *life <= 0 ? 0 : lifeLowPercent),
                          std::nullopt});
     }
-    if (auto used = drive.percentUsed; used && *used >= usedHighPercent)
-    {
-        bool usedUp = *used >= usedUpPercent;
-        found.push_back(
-            {usedUp ? Verdict::failed : Verdict::warning, "percent_used",
-             compared(&DriveHealth::percentUsed, *used,
-                      ">=", usedUp ? usedUpPercent : usedHighPercent),
-             std::nullopt});
-    }
 }
 
-void nvmeReasons(const DriveHealth& drive, std::vector<Reason>& found)
+// Percentage Used is the drive's estimate of its rated endurance used; it
+// may pass 100 and, in the NVMe standard's words, "does not indicate an NVM
+// subsystem failure": worn, not failed. One past 100 % within fewer
+// power-on hours than its percent is no wear a drive can have done.
+void usedReason(const DriveHealth& drive, std::vector<Reason>& found)
 {
+    auto used = drive.percentUsed;
+    if (!used || *used < usedHighPercent)
+    {
+        return;
+    }
+    if (*used > percentTop && drive.powerOnHours && *drive.powerOnHours < *used)
+    {
+        found.push_back(implausible("percent_used", *used,
+                                    "after " +
+                                        std::to_string(*drive.powerOnHours) +
+                                        " power-on hours"));
+        return;
+    }
+    bool pastRated = *used >= usedUpPercent;
+    found.push_back({Verdict::warning, "percent_used",
+                     compared(&DriveHealth::percentUsed, *used, ">=",
+                              pastRated ? usedUpPercent : usedHighPercent) +
+                         (pastRated ? ", past rated endurance" : ""),
+                     std::nullopt});
+}
+
+bool validThreshold(Figure threshold)
+{
+    return threshold && *threshold >= 1 && *threshold <= percentTop;
+}
+
+// The spare rule holds only between defined values: the spare as a
+// percentage, the threshold between 1 and 100.
+void spareReasons(const DriveHealth& drive, std::vector<Reason>& found)
+{
+    if (drive.availableSpare && *drive.availableSpare > percentTop)
+    {
+        found.push_back(
+            implausible("available_spare", *drive.availableSpare, ""));
+        return;
+    }
+    // 0 % is a threshold nothing falls below; 101 to 255 are reserved.
+    if (drive.spareThreshold && *drive.spareThreshold > percentTop)
+    {
+        found.push_back(implausible("spare_threshold", *drive.spareThreshold,
+                                    "reserved: no spare rule"));
+        return;
+    }
     if (drive.availableSpare && drive.spareThreshold &&
         *drive.availableSpare < *drive.spareThreshold)
     {
@@ -89,13 +137,42 @@ void nvmeReasons(const DriveHealth& drive, std::vector<Reason>& found)
                       "< threshold", *drive.spareThreshold),
              std::nullopt});
     }
+}
+
+// The critical-warning bits as the NVMe standard names them (README,
+// "Verdicts"): read-only media and a failed volatile memory backup device
+// are failures; so is a spare below a valid threshold, and a degraded
+// reliability beside media errors past their count; the rest warn.
+// Reserved bits alone are named, never judged.
+Verdict criticalWarningVerdict(const DriveHealth& drive, std::uint64_t bits)
+{
+    constexpr std::uint64_t spareBelow = 1U << 0;
+    constexpr std::uint64_t reliabilityDegraded = 1U << 2;
+    constexpr std::uint64_t readOnly = 1U << 3;
+    constexpr std::uint64_t backupFailed = 1U << 4;
+    constexpr std::uint64_t definedBits = 0x3f;
+    bool spareFailed = (bits & spareBelow) != 0 &&
+                       validThreshold(drive.spareThreshold);
+    bool mediaFailed = drive.mediaErrors.value_or(0) >= mediaErrorsThatFail;
+    bool failing = spareFailed || (bits & (readOnly | backupFailed)) != 0;
+    if (failing || ((bits & reliabilityDegraded) != 0 && mediaFailed))
+    {
+        return Verdict::failed;
+    }
+    return (bits & definedBits) != 0 ? Verdict::warning : Verdict::passed;
+}
+
+void nvmeReasons(const DriveHealth& drive, std::vector<Reason>& found)
+{
+    spareReasons(drive, found);
     if (drive.criticalWarning && *drive.criticalWarning != 0)
     {
-        auto names = joined(criticalWarningNames(*drive.criticalWarning), ',');
-        // Only the temperature bit passes when the drive cools down.
-        bool onlyTemperature = *drive.criticalWarning == temperatureWarningBit;
-        found.push_back({onlyTemperature ? Verdict::warning : Verdict::failed,
-                         "critical_warning", "critical_warning " + names,
+        auto bits = *drive.criticalWarning;
+        auto names = joined(criticalWarningNames(bits), ',');
+        auto verdict = criticalWarningVerdict(drive, bits);
+        found.push_back({verdict, "critical_warning",
+                         "critical_warning " + names +
+                             (verdict == Verdict::passed ? " implausible" : ""),
                          std::nullopt});
     }
 }
@@ -150,8 +227,10 @@ Assessment::Assessment(std::vector<Reason> found) : reasons(std::move(found))
 
 bool Assessment::flags(std::string_view figure) const
 {
+    // A note (an implausible value, a count that stopped growing) is shown,
+    // not flagged.
     return std::ranges::any_of(reasons, [figure](const Reason& reason) {
-        return reason.figure == figure;
+        return reason.figure == figure && reason.verdict != Verdict::passed;
     });
 }
 
@@ -174,7 +253,8 @@ std::vector<Reason> snapshotReasons(const DriveHealth& drive)
 {
     std::vector<Reason> found;
     temperatureReason(drive, found);
-    wearReasons(drive, found);
+    lifeReason(drive, found);
+    usedReason(drive, found);
     nvmeReasons(drive, found);
     counterReasons(drive, found);
     return found;

@@ -23,7 +23,9 @@ std::string_view verdictName(Verdict verdict);
 
 // Why a drive is not PASSED: the figure by its column name, its value
 // against the threshold, and in a history the first day of the days up to
-// the last on which the reason held throughout.
+// the last on which the reason held throughout. A reason of a PASSED
+// verdict is a note: a value outside its defined range, a count that has
+// stopped growing.
 struct Reason
 {
     Verdict verdict = Verdict::warning;
