@@ -74,7 +74,7 @@ class Backblaze(unittest.TestCase):
         ])
         self.addCleanup(os.unlink, path)
         drives, columns, last = evaluate.load_backblaze(path)
-        got = {d["serial"]: (d["failed"], d["five"]) for d in drives}
+        got = {d["serial"]: (d["failed"], d["flags"][-1][0]) for d in drives}
         self.assertEqual(got, {"FAILS": (True, False),
                                "HEALTHY": (False, True),
                                "EARLY": (True, True),
@@ -93,23 +93,90 @@ class Backblaze(unittest.TestCase):
         self.assertEqual(last, [(datetime.date(2019, 12, 31), rows[-1])])
 
 
+class Rules(unittest.TestCase):
+    def test_five_and_growth_over_the_columns_the_file_has(self):
+        cases = [  # 5, 197, 188 (not a column of this file) -> five, grew
+            ("0", "0", "0", (False, False)),
+            ("0", "2", "0", (True, True)),
+            ("0", "1", "0", (True, False)),  # a fall is no growth
+            ("3.0", "0", "0", (True, True)),  # one rises, one falls
+            ("", "0", "0", (False, False)),  # missing: neither > 0 nor rose
+            ("4", "0", "0", (True, False)),  # nothing the row before
+            ("4", "0", "9", (True, False)),
+        ]
+        rows = [{"smart_5_raw": a, "smart_197_raw": b, "smart_188_raw": c}
+                for a, b, c, _ in cases]
+        self.assertEqual(evaluate.rule_flags(rows, {5, 9, 197}),
+                         [want for *_, want in cases])
+
+    def test_verdicts_of_each_day_from_the_export(self):
+        text = "\n".join((
+            "# TYPE qv_smart_device_verdict gauge",
+            'qv_smart_device_verdict{fqdd="A:1",class="SATA HDD"} 1 '
+            "1365552000",
+            'qv_smart_device_verdict{class="SATA HDD",fqdd="B"} 2 '
+            "1365638400.000",
+            'qv_smart_device_verdict_changes{fqdd="A:1"} 0 1365638400',
+            'qv_smart_temperature_celsius{fqdd="B"} 40 1365552000',
+            "# EOF"))
+        self.assertEqual(evaluate.day_verdicts(text), {
+            ("A:1", datetime.date(2013, 4, 10)): "WARNING",
+            ("B", datetime.date(2013, 4, 11)): "FAILED"})
+
+
+def drive(failed, days, verdicts, five, grew, since=None):
+    """A drive read on the given days of May 2013; one letter a day."""
+    names = {"P": "PASSED", "W": "WARNING", "F": "FAILED"}
+    return {"failed": failed, "since": since, "last_day": "2013-05-19",
+            "marks": [evaluate.Mark(datetime.date(2013, 5, d), names[v],
+                                    f == "1", g == "1")
+                      for d, v, f, g in zip(days, verdicts, five, grew)]}
+
+
 class Counting(unittest.TestCase):
-    def test_shares_and_lead_days(self):
-        def drive(failed, verdict, since=None, five=False):
-            return {"failed": failed, "verdict": verdict, "five": five,
-                    "last_day": "2013-05-19", "since": since}
-        drives = [drive(True, "FAILED", "2013-05-09", True),
-                  drive(True, "WARNING", "2013-05-18"),
-                  drive(True, "PASSED"),
-                  drive(False, "WARNING", "2013-04-10", True),
-                  drive(False, "PASSED")]
-        t = evaluate.tally(drives, multi_day=True)
+    drives = [
+        drive(True, range(10, 20), "PPWWWWWWFF", "0011111111", "0010000001",
+              "2013-05-18"),
+        drive(True, range(16, 20), "WWWW", "1111", "0000", "2013-05-16"),
+        # not read between the 2nd and the 10th: a week before is the 10th
+        drive(True, (1, 2, 10, 19), "PPWP", "0010", "0010"),
+        drive(False, range(16, 20), "PWWF", "0111", "0100", "2013-05-17"),
+        drive(False, (18, 19), "PP", "00", "00"),
+    ]
+
+    def counts(self, t, group):
+        return tuple(t[f"{group}_{key}"] for key in ("warn", "fail", "five",
+                                                      "grow"))
+
+    def test_last_day_drive_days_and_a_week_before(self):
+        t = evaluate.tally(self.drives, multi_day=True)
+        cases = [  # group, its total, (WARN+, FAILED, 5-ATTR, GROWTH)
+            ("f", t["n_failed"], (2, 1, 2, 1)),
+            ("h", t["n_healthy"], (1, 1, 1, 0)),
+            ("hd", t["n_days"], (3, 1, 3, 1)),
+            ("wk", t["n_week"], (2, 0, 2, 2)),
+        ]
+        for group, total, want in cases:
+            with self.subTest(group=group):
+                self.assertEqual(self.counts(t, group), want)
+        self.assertEqual([c[1] for c in cases], [3, 2, 6, 2])
+        self.assertEqual(t["wk_out"], 1)
+
+    def test_lead_days_of_each_rule(self):
+        t = evaluate.tally(self.drives, multi_day=True)
         self.assertEqual(
-            (t["n_failed"], t["f_warn"], t["f_fail"], t["n_healthy"],
-             t["h_warn"], t["h_fail"], t["f_five"], t["h_five"]),
-            (3, 2, 1, 2, 1, 0, 1, 1))
-        self.assertEqual(sorted(t["leads"]), [1, 10])
-        self.assertEqual(evaluate.tally(drives, multi_day=False)["leads"], [])
+            (t["leads"], t["leads_run"], t["leads_five"], t["leads_grow"]),
+            ([1, 3], [7, 3], [7, 3], [0]))
+
+    def test_a_single_day_file_has_no_growth_days_or_leads(self):
+        t = evaluate.tally(self.drives, multi_day=False)
+        self.assertEqual(self.counts(t, "f"), (2, 1, 2, 1))
+        self.assertEqual((t["n_grow_failed"], t["n_days"], t["n_week"],
+                          t["leads"], t["leads_run"]), (0, 0, 0, [], []))
+        rows = dict(evaluate.table_rows([("x.csv", "held-out", t)]))
+        self.assertEqual(rows["Failed drives flagged on their last day"][1],
+                         ("x", "held-out", "2/3  66.7%", "1/3  33.3%",
+                          "2/3  66.7%", "-"))
 
 
 class SmartctlCheck(unittest.TestCase):

@@ -20,6 +20,10 @@ void Trend::add(Day day, Figure value)
         ++rises;
         firstRose = firstRose.value_or(day);
     }
+    if (!last || *value != *last)
+    {
+        lastChange = day;
+    }
     first = first.value_or(*value);
     min = std::min(min.value_or(*value), *value);
     max = std::max(max.value_or(*value), *value);
@@ -133,11 +137,48 @@ std::vector<Reason> heldSince(const std::vector<Reason>& before,
     return now;
 }
 
-// The reasons that hold, with a failure counter that kept rising failing
-// the drive since the day it first rose.
+// A counter that has stopped growing is the drive's baseline, not news: it
+// warns when it first shows or grows, and is a note once it has held its
+// value this many days. CRC errors point at a cable, so they warn only on
+// the reading that shows them grow.
+constexpr std::chrono::days baselineAfter{7};
+constexpr std::chrono::days crcBaselineAfter{1};
+
+void noteBaselines(const DriveRecord& record, std::vector<Reason>& found)
+{
+    for (auto& reason : found)
+    {
+        const auto* counter = std::ranges::find_if(warningCounters,
+                                                   [&reason](auto member) {
+            return figureName(member) == reason.figure;
+        });
+        // The counts that fail a single report are baselines too once they
+        // stand still; growth is what fails a drive that is watched.
+        if (reason.verdict == Verdict::passed ||
+            counter == warningCounters.end())
+        {
+            continue;
+        }
+        const auto& trend = record.trend(*counter);
+        auto quiet = *counter == &DriveHealth::crcErrors ? crcBaselineAfter
+                                                         : baselineAfter;
+        if (trend.lastChange && record.lastDay - *trend.lastChange >= quiet)
+        {
+            reason = {Verdict::passed, reason.figure,
+                      reason.figure + ' ' + std::to_string(*trend.last) +
+                          ", unchanged since " + dayText(*trend.lastChange),
+                      std::nullopt};
+        }
+    }
+}
+
+// The reasons that hold, a counter that stopped growing as a note, and a
+// failure counter that kept rising failing the drive since the day it first
+// rose.
 std::vector<Reason> reasonsNow(const DriveRecord& record)
 {
     auto found = record.holding;
+    noteBaselines(record, found);
     for (auto member : failureCounters)
     {
         const auto& trend = record.trend(member);
@@ -157,6 +198,24 @@ std::vector<Reason> reasonsNow(const DriveRecord& record)
     return found;
 }
 
+// A count that failed the drive and has kept that value since, long enough
+// to be its baseline: the failure was the count, not its growth.
+bool standsStill(const DriveRecord& record, const Reason& failed)
+{
+    const auto* counter = std::ranges::find_if(warningCounters,
+                                               [&failed](auto member) {
+        return figureName(member) == failed.figure;
+    });
+    if (counter == warningCounters.end() || !failed.since)
+    {
+        return false;
+    }
+    const auto& trend = record.trend(*counter);
+    return trend.lastChange && *trend.lastChange <= *failed.since &&
+           record.lastDay - *trend.lastChange >= baselineAfter &&
+           trend.rises == 0;
+}
+
 // The reasons that hold and every reason that failed the drive before: a
 // failure that no longer shows (sectors remapped, a drive that cooled
 // down) keeps its first day.
@@ -168,6 +227,10 @@ Assessment assess(const DriveRecord& record)
         auto now = std::ranges::find_if(found, [&failed](const Reason& r) {
             return r.figure == failed.figure && r.verdict == Verdict::failed;
         });
+        if (standsStill(record, failed))
+        {
+            continue;
+        }
         if (now == found.end())
         {
             found.push_back(failed);

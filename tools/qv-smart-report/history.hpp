@@ -24,6 +24,8 @@ struct Trend
     Figure max;
     int rises = 0;
     std::optional<Day> firstRose;
+    // The day of the first reading with the value the figure has now.
+    std::optional<Day> lastChange;
 
     // The next reading's value, if it has one.
     void add(Day day, Figure value);
