@@ -219,7 +219,7 @@ bool standsStill(const DriveRecord& record, const Reason& failed)
 // The reasons that hold and every reason that failed the drive before: a
 // failure that no longer shows (sectors remapped, a drive that cooled
 // down) keeps its first day.
-Assessment assess(const DriveRecord& record)
+std::vector<Reason> reasonsWithLatched(const DriveRecord& record)
 {
     auto found = reasonsNow(record);
     for (const auto& failed : record.latched)
@@ -241,6 +241,63 @@ Assessment assess(const DriveRecord& record)
             now->since = failed.since;
         }
     }
+    return found;
+}
+
+// Whether a figure of the reading went past what the operator accepted.
+bool beyondAccepted(const DriveHealth& now, const DriveHealth& accepted,
+                    std::string_view figure)
+{
+    if (figure == "critical_warning")
+    {
+        return (now.criticalWarning.value_or(0) &
+                ~accepted.criticalWarning.value_or(0)) != 0;
+    }
+    const auto* column = std::ranges::find(namedFigures, figure,
+                                           &FigureColumn::name);
+    if (column == namedFigures.end())
+    {
+        return true;
+    }
+    const Figure& value = now.*column->figure;
+    const Figure& kept = accepted.*column->figure;
+    if (!value || !kept)
+    {
+        return value.has_value();
+    }
+    // Wear left and spare only go down as a drive gets worse.
+    bool fallsWhenWorse = column->figure == &DriveHealth::lifeRemaining ||
+                          column->figure == &DriveHealth::availableSpare;
+    return fallsWhenWorse ? *value < *kept : *value > *kept;
+}
+
+// While an acknowledgement holds, a reason whose figure has not gone past
+// the accepted one is a note.
+void applyAcknowledgement(const DriveRecord& record, Day asOf,
+                          std::vector<Reason>& found)
+{
+    const auto& ack = record.acknowledgement;
+    if (!ack || asOf < ack->day || asOf > ack->until)
+    {
+        return;
+    }
+    for (auto& reason : found)
+    {
+        if (reason.verdict != Verdict::passed &&
+            !beyondAccepted(record.latest, ack->accepted, reason.figure))
+        {
+            reason = {Verdict::passed, reason.figure,
+                      reason.text + ", accepted on " + dayText(ack->day) +
+                          " until " + dayText(ack->until) + ": " + ack->note,
+                      std::nullopt};
+        }
+    }
+}
+
+Assessment assess(const DriveRecord& record, Day asOf)
+{
+    auto found = reasonsWithLatched(record);
+    applyAcknowledgement(record, asOf, found);
     return Assessment(std::move(found));
 }
 
@@ -274,13 +331,13 @@ void addReading(DriveRecord& record, Day day, DriveHealth& health,
         record.trends.at(i).add(day, health.*figureColumns.at(i).figure);
     }
     record.holding = heldSince(record.holding, snapshotReasons(health), day);
-    auto assessment = assess(record);
+    record.latest = std::move(health);
+    auto assessment = assess(record, day);
     latchFailures(record, assessment);
     if (keepDays)
     {
-        record.series.add(day, health, assessment.verdict);
+        record.series.add(day, record.latest, assessment.verdict);
     }
-    record.latest = std::move(health);
 }
 
 std::string setAsideLine(const std::string& fqdd, Day day,
@@ -293,7 +350,10 @@ std::string setAsideLine(const std::string& fqdd, Day day,
 
 HistoryBuilder::HistoryBuilder(HistoryOptions options) :
     options(std::move(options))
-{}
+{
+    std::ranges::stable_sort(this->options.operatorWords, {},
+                             &OperatorWord::day);
+}
 
 void HistoryBuilder::add(Day day, const std::vector<DriveHealth>& drives,
                          std::int64_t readingTime)
@@ -403,6 +463,7 @@ void HistoryBuilder::closeDay()
         return;
     }
     const Day day = *gathering;
+    acknowledge(day);
     reportDays.push_back(day);
     std::vector<Arrival> arrivals;
     for (auto& [fqdd, health] : gathered)
@@ -624,17 +685,55 @@ void HistoryBuilder::arrive(Day day, Arrival& arrival,
 
 void HistoryBuilder::retire()
 {
-    for (const auto& retirement : options.retirements)
+    for (const auto& word : options.operatorWords)
     {
+        if (word.action != OperatorWord::Action::retire)
+        {
+            continue;
+        }
         for (auto& record : records)
         {
-            if (record.fqdd == retirement.fqdd && !record.vanished &&
-                record.lastSeen <= retirement.day)
+            if (record.fqdd == word.fqdd && !record.vanished &&
+                record.lastSeen <= word.day)
             {
                 record.vanished = true;
-                record.retired = retirement.day;
+                record.retired = word.day;
             }
         }
+    }
+}
+
+// Each acknowledgement given before `before` (every one left without it)
+// to the drive its bay has then, with that drive's last figures: a FAILED
+// verdict latched before it is released.
+void HistoryBuilder::acknowledge(std::optional<Day> before)
+{
+    auto& words = options.operatorWords;
+    for (; acknowledged < words.size(); ++acknowledged)
+    {
+        const auto& word = words[acknowledged];
+        if (before && word.day >= *before)
+        {
+            break;
+        }
+        if (word.action != OperatorWord::Action::acknowledge)
+        {
+            continue;
+        }
+        auto bay = inBay.find(word.fqdd);
+        if (bay == inBay.end() || !live(bay->second) ||
+            records[bay->second].days == 0)
+        {
+            setAside.push_back(word.fqdd + ": acknowledgement of " +
+                               dayText(word.day) +
+                               " set aside: no drive read "
+                               "in the bay by then");
+            continue;
+        }
+        auto& record = records[bay->second];
+        record.acknowledgement = Acknowledgement{
+            word.day, word.until.value_or(word.day), word.note, record.latest};
+        record.latched.clear();
     }
 }
 
@@ -655,6 +754,7 @@ History HistoryBuilder::build()
             commitHeld(fqdd, hold);
         }
     }
+    acknowledge(std::nullopt);
     retire();
     History history;
     if (!reportDays.empty())
@@ -664,7 +764,7 @@ History HistoryBuilder::build()
     }
     for (auto& record : records)
     {
-        record.assessment = assess(record);
+        record.assessment = assess(record, reportDays.back());
         record.appeared = record.firstDay > *history.firstDay;
         auto after = std::ranges::upper_bound(reportDays, record.lastDay);
         if (!record.vanished && (record.days == 0 || after != reportDays.end()))
@@ -709,6 +809,11 @@ std::vector<std::string> driveMarks(const DriveRecord& drive)
     if (drive.silentSince)
     {
         marks.push_back("silent since " + dayText(*drive.silentSince));
+    }
+    if (const auto& ack = drive.acknowledgement; ack)
+    {
+        marks.push_back("acknowledged " + dayText(ack->day) + " until " +
+                        dayText(ack->until));
     }
     return marks;
 }

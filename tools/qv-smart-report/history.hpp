@@ -69,13 +69,31 @@ struct Move
     std::string from;
 };
 
-// An operator's word that a drive is out of the server for good: the
-// drive in the bay whose last reading is on or before the day.
-struct Retirement
+// An operator's word on the drive in a bay: taken out for good on the day
+// (retire: the drive whose last sighting is on or before it), or its
+// figures of the day accepted until a day (acknowledge: only change beyond
+// them counts).
+struct OperatorWord
 {
+    enum class Action
+    {
+        retire,
+        acknowledge
+    };
+    Action action = Action::retire;
     std::string fqdd;
     Day day;
+    std::optional<Day> until;
     std::string note;
+};
+
+// The figures an operator accepted for a drive, and until when.
+struct Acknowledgement
+{
+    Day day;
+    Day until;
+    std::string note;
+    DriveHealth accepted;
 };
 
 // One drive from its first reading to its last: its identity, the running
@@ -111,6 +129,9 @@ struct DriveRecord
     // Another drive took its bay, or an operator retired it.
     bool vanished = false;
     std::optional<Day> retired;
+    // Belongs to the drive, wherever it goes; its replacement starts
+    // without one.
+    std::optional<Acknowledgement> acknowledgement;
     // Still the server's, but without a reading since this report day: its
     // verdict is the one of its last reading.
     std::optional<Day> silentSince;
@@ -141,7 +162,7 @@ struct HistoryOptions
 {
     // Keep every reading for the outputs that show each day.
     bool keepDays = false;
-    std::vector<Retirement> retirements;
+    std::vector<OperatorWord> operatorWords;
 };
 
 // Builds the history from reports given day by day, in order of their days.
@@ -190,6 +211,8 @@ class HistoryBuilder
     std::map<std::string, Held> held;
     std::vector<Day> reportDays;
     std::vector<std::string> setAside;
+    // The operator words bound to drives so far, in order of their days.
+    size_t acknowledged = 0;
 
     void closeDay();
     void listed(Day day, const std::string& fqdd, const DriveHealth& health);
@@ -212,6 +235,7 @@ class HistoryBuilder
                 const std::string& driveClass);
     bool live(size_t record) const;
     void retire();
+    void acknowledge(std::optional<Day> before);
 };
 
 // How a drive stands against the history's days, as the outputs name it:

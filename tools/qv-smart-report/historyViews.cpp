@@ -72,6 +72,17 @@ Json dayJson(std::optional<Day> day)
     return day ? Json(dayText(*day)) : Json();
 }
 
+Json ackJson(const std::optional<Acknowledgement>& ack)
+{
+    if (!ack)
+    {
+        return Json();
+    }
+    return Json{{"day", dayText(ack->day)},
+                {"until", dayText(ack->until)},
+                {"note", ack->note}};
+}
+
 Json trendJson(const Trend& trend, bool counter)
 {
     Json figure{{"first", *trend.first},
@@ -131,6 +142,7 @@ Json driveJson(const DriveRecord& drive)
         {"vanished", drive.vanished},
         {"retired", dayJson(drive.retired)},
         {"silent_since", dayJson(drive.silentSince)},
+        {"acknowledged", ackJson(drive.acknowledgement)},
         {"verdict", verdictName(drive.assessment.verdict)},
         {"reasons", reasonsJson(drive.assessment)},
         {"figures", figures},
@@ -199,6 +211,9 @@ std::vector<std::string> csvRow(const DriveRecord& drive)
         boolText(drive.vanished),
         dayCell(drive.retired),
         dayCell(drive.silentSince),
+        dayCell(drive.acknowledgement
+                    ? std::optional<Day>(drive.acknowledgement->until)
+                    : std::nullopt),
         std::string(verdictName(drive.assessment.verdict)),
         drive.assessment.reasonsText()};
     for (const auto& column : figureColumns)

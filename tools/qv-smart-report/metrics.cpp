@@ -67,6 +67,7 @@ constexpr std::string_view temperatureWarningMetric =
 constexpr std::string_view lastReadingMetric =
     "qv_smart_device_last_reading_timestamp_seconds";
 constexpr std::string_view silentMetric = "qv_smart_device_silent";
+constexpr std::string_view acknowledgedMetric = "qv_smart_device_acknowledged";
 constexpr std::string_view movedMetric = "qv_smart_device_moved_info";
 constexpr std::string_view newestReadingMetric =
     "qv_smart_newest_reading_timestamp_seconds";
@@ -296,6 +297,18 @@ void writeSilenceSeries(std::ostream& out, const std::vector<Series>& all,
         const auto& drive = *bay.drives.back();
         out << silentMetric << driveLabels(drive, "") << ' '
             << (drive.silentSince ? 1 : 0) << '\n';
+    }
+    writeHeader(out, acknowledgedMetric,
+                "1 while an operator's acknowledgement of the drive's "
+                "figures holds on the newest day of the reports");
+    for (const auto& bay : all)
+    {
+        const auto& drive = *bay.drives.back();
+        const auto& ack = drive.acknowledgement;
+        bool holds = ack && history.lastDay && ack->day <= *history.lastDay &&
+                     *history.lastDay <= ack->until;
+        out << acknowledgedMetric << driveLabels(drive, "") << ' '
+            << (holds ? 1 : 0) << '\n';
     }
     writeHeader(out, movedMetric,
                 "A drive that was moved from another bay, named in from; "

@@ -50,8 +50,8 @@ class Descriptor
     int fd;
 };
 
-// One line of the file, or why it is not a retirement.
-std::variant<Retirement, std::string> retirementOf(const std::string& line)
+// One line of the file, or why it is not an operator's word.
+std::variant<OperatorWord, std::string> wordOf(const std::string& line)
 {
     auto entry = Json::parse(line, nullptr, false);
     if (entry.is_discarded() || !entry.is_object())
@@ -64,19 +64,35 @@ std::variant<Retirement, std::string> retirementOf(const std::string& line)
                    ? member->get<std::string>()
                    : std::string();
     };
-    if (text("action") != "retire")
+    OperatorWord word;
+    auto action = text("action");
+    if (action != "retire" && action != "ack")
     {
-        return "unknown action \"" + text("action") + '"';
+        return "unknown action \"" + action + '"';
     }
+    word.action = action == "retire" ? OperatorWord::Action::retire
+                                     : OperatorWord::Action::acknowledge;
     auto day = parseDay(text("day"));
     if (text("fqdd").empty() || !day)
     {
-        return std::string("a retirement needs an fqdd and a day");
+        return action + " needs an fqdd and a day";
     }
-    return Retirement{text("fqdd"), *day, text("note")};
+    word.fqdd = text("fqdd");
+    word.day = *day;
+    word.note = text("note");
+    if (word.action == OperatorWord::Action::acknowledge)
+    {
+        word.until = parseDay(text("until"));
+        if (!word.until || *word.until < word.day || word.note.empty())
+        {
+            return std::string(
+                "ack needs a note and an until no earlier than its day");
+        }
+    }
+    return word;
 }
 
-void readFile(const fs::path& path, std::vector<Retirement>& found,
+void readFile(const fs::path& path, std::vector<OperatorWord>& found,
               std::ostream& err, bool& intact)
 {
     std::ifstream in(path);
@@ -88,7 +104,7 @@ void readFile(const fs::path& path, std::vector<Retirement>& found,
         {
             continue;
         }
-        auto entry = retirementOf(line);
+        auto entry = wordOf(line);
         if (const auto* why = std::get_if<std::string>(&entry))
         {
             err << path.string() << ':' << number << ": set aside: " << *why
@@ -96,7 +112,7 @@ void readFile(const fs::path& path, std::vector<Retirement>& found,
             intact = false;
             continue;
         }
-        found.push_back(std::get<Retirement>(std::move(entry)));
+        found.push_back(std::get<OperatorWord>(std::move(entry)));
     }
     if (in.bad())
     {
@@ -107,17 +123,21 @@ void readFile(const fs::path& path, std::vector<Retirement>& found,
 
 } // namespace
 
-bool recordRetirement(const std::string& directory,
-                      const Retirement& retirement, std::ostream& err)
+bool recordWord(const std::string& directory, const OperatorWord& word,
+                std::ostream& err)
 {
     const auto path = fs::path(directory) / operatorFileName;
-    const auto line = Json{{"action", "retire"},
-                           {"fqdd", retirement.fqdd},
-                           {"day", dayText(retirement.day)},
-                           {"note", retirement.note}}
-                          .dump(-1, ' ', false,
-                                Json::error_handler_t::replace) +
-                      '\n';
+    bool retire = word.action == OperatorWord::Action::retire;
+    Json entry{{"action", retire ? "retire" : "ack"},
+               {"fqdd", word.fqdd},
+               {"day", dayText(word.day)}};
+    if (word.until)
+    {
+        entry["until"] = dayText(*word.until);
+    }
+    entry["note"] = word.note;
+    const auto line =
+        entry.dump(-1, ' ', false, Json::error_handler_t::replace) + '\n';
     // Appended to only, as the reports are; never through a link.
     Descriptor file(
         ::open(path.c_str(),
@@ -146,10 +166,11 @@ bool recordRetirement(const std::string& directory,
     return written;
 }
 
-std::vector<Retirement> readRetirements(const std::vector<std::string>& paths,
-                                        std::ostream& err, bool& intact)
+std::vector<OperatorWord>
+    readOperatorWords(const std::vector<std::string>& paths, std::ostream& err,
+                      bool& intact)
 {
-    std::vector<Retirement> found;
+    std::vector<OperatorWord> found;
     for (const auto& path : paths)
     {
         std::error_code error;

@@ -197,7 +197,8 @@ enum class Command
     history,
     exportMetrics,
     html,
-    retire
+    retire,
+    acknowledge
 };
 
 struct Options
@@ -210,8 +211,9 @@ struct Options
     // Only the reports of this many days up to today.
     std::optional<int> recentDays;
     std::string output;
-    // What the operator says of a drive (retire), on this day or today.
-    Retirement retirement;
+    // What the operator says of a drive (retire, ack), on this day or
+    // today.
+    OperatorWord word;
     std::optional<Day> actionDay;
 };
 
@@ -263,23 +265,39 @@ CLI::App* addDaysCommand(CLI::App& app, Options& options, Command command,
     return sub;
 }
 
-// retire FQDD DIR: the drive in the bay is out of the server for good.
-void addRetireCommand(CLI::App& app, Options& options)
+// An operator's word on the drive in a bay, appended to the daily
+// directory's operator file.
+CLI::App* addWordCommand(CLI::App& app, Options& options, Command command,
+                         const std::string& name, const std::string& help)
 {
-    auto* sub = app.add_subcommand(
-        "retire", "Records in the daily directory that the drive in a bay was "
-                  "taken out for good: its history ends, it no longer counts "
-                  "in the exit status and the metrics.");
-    auto& retirement = options.retirement;
-    sub->add_option("FQDD", retirement.fqdd, "the drive's bay")->required();
+    auto* sub = app.add_subcommand(name, help);
+    auto& word = options.word;
+    sub->add_option("FQDD", word.fqdd, "the drive's bay")->required();
     sub->add_option("DIR", options.paths, "the daily reports' directory")
         ->required()
         ->expected(1)
         ->check(CLI::ExistingDirectory);
-    sub->add_option("--note", retirement.note, "why, for the record");
-    addDay(*sub, "--day", options.actionDay,
-           "the day it was taken out (default today)");
-    sub->final_callback([&options] { options.command = Command::retire; });
+    addDay(*sub, "--day", options.actionDay, "the day of it (default today)");
+    sub->final_callback([&options, command] { options.command = command; });
+    return sub;
+}
+
+void addOperatorCommands(CLI::App& app, Options& options)
+{
+    addWordCommand(app, options, Command::retire, "retire",
+                   "Records that the drive in a bay was taken out for good: "
+                   "its history ends, it no longer counts in the exit status "
+                   "and the metrics.")
+        ->add_option("--note", options.word.note, "why, for the record");
+    auto* ack = addWordCommand(
+        app, options, Command::acknowledge, "ack",
+        "Accepts the figures of the drive in a bay as they are: until the "
+        "day given only change beyond them counts, and a FAILED verdict "
+        "latched before is released.");
+    ack->add_option("--note", options.word.note, "why, for the record")
+        ->required();
+    addDay(*ack, "--until", options.word.until,
+           "the last day it holds (default 30 days on)");
 }
 
 void addSubcommands(CLI::App& app, Options& options, std::string& format)
@@ -302,7 +320,7 @@ void addSubcommands(CLI::App& app, Options& options, std::string& format)
     addDaysCommand(app, options, Command::html, "html",
                    "Writes one self-contained page: the drives by verdict, "
                    "each with plots of its history.");
-    addRetireCommand(app, options);
+    addOperatorCommands(app, options);
 }
 
 // The command line, through CLI11: --help and --version answer on standard
@@ -431,7 +449,8 @@ int showDays(const Options& options, std::ostream& out, std::ostream& err)
         period.since = std::max(period.since.value_or(first), first);
     }
     auto historyOptions = options.history;
-    historyOptions.retirements = readRetirements(options.paths, err, intact);
+    historyOptions.operatorWords = readOperatorWords(options.paths, err,
+                                                     intact);
     const History history =
         readHistory(datedFiles(options.paths, period, err, intact), period,
                     std::move(historyOptions), err, intact);
@@ -466,6 +485,22 @@ int showDays(const Options& options, std::ostream& out, std::ostream& err)
     return status;
 }
 
+// The word the command line gives, on its day.
+OperatorWord operatorWord(const Options& options)
+{
+    constexpr std::chrono::days ackLasts{30};
+    auto word = options.word;
+    word.action = options.command == Command::retire
+                      ? OperatorWord::Action::retire
+                      : OperatorWord::Action::acknowledge;
+    word.day = options.actionDay.value_or(today());
+    if (word.action == OperatorWord::Action::acknowledge && !word.until)
+    {
+        word.until = word.day + ackLasts;
+    }
+    return word;
+}
+
 } // namespace
 
 int runReportTool(std::span<const std::string> args, std::ostream& out,
@@ -478,13 +513,18 @@ int runReportTool(std::span<const std::string> args, std::ostream& out,
     }
     const Options& options = std::get<Options>(parsed);
     int status = exitOk;
-    if (options.command == Command::retire)
+    if (options.command == Command::retire ||
+        options.command == Command::acknowledge)
     {
-        auto retirement = options.retirement;
-        retirement.day = options.actionDay.value_or(today());
-        status = recordRetirement(options.paths.front(), retirement, err)
-                     ? exitOk
-                     : exitNotWritten;
+        auto word = operatorWord(options);
+        if (word.until && *word.until < word.day)
+        {
+            err << "--until " << dayText(*word.until) << " is before "
+                << dayText(word.day) << "\n";
+            return exitUsage;
+        }
+        status = recordWord(options.paths.front(), word, err) ? exitOk
+                                                              : exitNotWritten;
     }
     else
     {
