@@ -162,10 +162,11 @@ std::vector<std::string_view> figureParts(const FigureColumn& column)
 
 std::vector<std::string> csvColumns()
 {
-    std::vector<std::string> columns{"fqdd",         "class",    "first_day",
-                                     "last_day",     "days",     "appeared",
-                                     "moved_from",   "vanished", "retired",
-                                     "silent_since", "verdict",  "reasons"};
+    std::vector<std::string> columns{
+        "fqdd",    "class",        "first_day",          "last_day",
+        "days",    "appeared",     "moved_from",         "vanished",
+        "retired", "silent_since", "acknowledged_until", "verdict",
+        "reasons"};
     for (const auto& column : figureColumns)
     {
         for (auto part : figureParts(column))
