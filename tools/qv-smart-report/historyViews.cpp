@@ -76,7 +76,7 @@ Json ackJson(const std::optional<Acknowledgement>& ack)
 {
     if (!ack)
     {
-        return Json();
+        return {};
     }
     return Json{{"day", dayText(ack->day)},
                 {"until", dayText(ack->until)},
