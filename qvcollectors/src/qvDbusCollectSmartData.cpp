@@ -980,8 +980,12 @@ enum class CannotWriteText
 // bus's own SYSTEMD_BUS_TIMEOUT scales it). A normal run lets go well
 // before; one that holds on longer is stuck (stopped, or waiting on a hung
 // service), and the reports it is writing carry the same drives anyway.
+// Never longer than the service gives a run to start (its
+// TimeoutStartSec=): an infinite call timeout waits that long, not 0 s.
 std::chrono::steady_clock::duration reportLockPatience()
 {
+    constexpr std::chrono::microseconds startTimeout = std::chrono::minutes(30);
+    constexpr uint64_t callsToWait = 4;
     uint64_t callTimeoutUs = 25'000'000;
     sd_bus* bus = nullptr;
     if (sd_bus_new(&bus) >= 0)
@@ -989,7 +993,11 @@ std::chrono::steady_clock::duration reportLockPatience()
         sd_bus_get_method_call_timeout(bus, &callTimeoutUs);
         sd_bus_unref(bus);
     }
-    return std::chrono::microseconds(4 * callTimeoutUs);
+    if (callTimeoutUs > uint64_t(startTimeout.count()) / callsToWait)
+    {
+        return startTimeout;
+    }
+    return std::chrono::microseconds(callsToWait * callTimeoutUs);
 }
 
 // An exclusive lock on the directory of the reports, held while a run has a
