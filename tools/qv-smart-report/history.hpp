@@ -153,6 +153,8 @@ struct History
     // When the newest reading of any drive was taken, in seconds since the
     // epoch; 0 without any.
     std::int64_t newestReading = 0;
+    // A file read was damaged, could not be read or was set aside.
+    bool damagedInput = false;
     // Readings set aside, one line each: "FQDD: reading of DAY set aside:
     // why".
     std::vector<std::string> setAside;

@@ -69,6 +69,7 @@ constexpr std::string_view lastReadingMetric =
 constexpr std::string_view silentMetric = "qv_smart_device_silent";
 constexpr std::string_view acknowledgedMetric = "qv_smart_device_acknowledged";
 constexpr std::string_view movedMetric = "qv_smart_device_moved_info";
+constexpr std::string_view damagedInputMetric = "qv_smart_report_damaged_input";
 constexpr std::string_view newestReadingMetric =
     "qv_smart_newest_reading_timestamp_seconds";
 
@@ -323,6 +324,10 @@ void writeSilenceSeries(std::ostream& out, const std::vector<Series>& all,
                 << " 1\n";
         }
     }
+    writeHeader(out, damagedInputMetric,
+                "1 when a report file was damaged, could not be read or was "
+                "set aside: the metrics hold what the other files say");
+    out << damagedInputMetric << ' ' << (history.damagedInput ? 1 : 0) << '\n';
     // 0 without any reading: a controller that never wrote one is stale.
     writeHeader(out, newestReadingMetric,
                 "When the newest reading of any drive was taken, in seconds "

@@ -451,9 +451,11 @@ int showDays(const Options& options, std::ostream& out, std::ostream& err)
     auto historyOptions = options.history;
     historyOptions.operatorWords = readOperatorWords(options.paths, err,
                                                      intact);
-    const History history =
+    History history =
         readHistory(datedFiles(options.paths, period, err, intact), period,
                     std::move(historyOptions), err, intact);
+    // The good files are still written out; the metrics say some were not.
+    history.damagedInput = !intact;
     int status = intact ? exitOk : exitDamaged;
     for (const auto& drive : history.drives)
     {
