@@ -144,14 +144,19 @@ std::vector<Reason> heldSince(const std::vector<Reason>& before,
 constexpr std::chrono::days baselineAfter{7};
 constexpr std::chrono::days crcBaselineAfter{1};
 
+// The counter a reason names, or warningCounters.end().
+const auto* counterNamed(std::string_view figure)
+{
+    return std::ranges::find_if(warningCounters, [figure](auto member) {
+        return figureName(member) == figure;
+    });
+}
+
 void noteBaselines(const DriveRecord& record, std::vector<Reason>& found)
 {
     for (auto& reason : found)
     {
-        const auto* counter = std::ranges::find_if(warningCounters,
-                                                   [&reason](auto member) {
-            return figureName(member) == reason.figure;
-        });
+        const auto* counter = counterNamed(reason.figure);
         // The counts that fail a single report are baselines too once they
         // stand still; growth is what fails a drive that is watched.
         if (reason.verdict == Verdict::passed ||
@@ -202,10 +207,7 @@ std::vector<Reason> reasonsNow(const DriveRecord& record)
 // to be its baseline: the failure was the count, not its growth.
 bool standsStill(const DriveRecord& record, const Reason& failed)
 {
-    const auto* counter = std::ranges::find_if(warningCounters,
-                                               [&failed](auto member) {
-        return figureName(member) == failed.figure;
-    });
+    const auto* counter = counterNamed(failed.figure);
     if (counter == warningCounters.end() || !failed.since)
     {
         return false;
