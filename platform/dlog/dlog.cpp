@@ -262,31 +262,68 @@ namespace dlog
 namespace
 {
 
+// A number from the environment; `fallback` when unset, nullopt when not a
+// number.
+std::optional<int> numberFromEnvironment(const char* name, int fallback)
+{
+    const char* text = std::getenv(name);
+    const std::string_view number = text != nullptr ? text : "";
+    int value = fallback;
+    if (!number.empty() &&
+        std::from_chars(number.data(), number.data() + number.size(), value)
+                .ec != std::errc())
+    {
+        return std::nullopt;
+    }
+    return value;
+}
+
+// The signal reaches the process `delayMs` from now, wherever it then waits.
+void raiseLater(int signal, int delayMs)
+{
+    sigevent event{};
+    event.sigev_notify = SIGEV_SIGNAL;
+    event.sigev_signo = signal;
+    timer_t timer{};
+    if (timer_create(CLOCK_MONOTONIC, &event, &timer) != 0)
+    {
+        return;
+    }
+    itimerspec when{};
+    when.it_value.tv_sec = delayMs / 1000;
+    when.it_value.tv_nsec = static_cast<long>(delayMs % 1000) * 1'000'000;
+    static_cast<void>(timer_settime(timer, 0, &when, nullptr));
+}
+
 // Test hook: DLOG_RAISE_AT=<text> raises SIGUSR1 (or the signal number in
 // DLOG_RAISE_SIGNAL) in the calling process right after the first record
 // containing <text> is written, so tests can deliver a cancel signal, or
-// kill the run, at an exact point.
+// kill the run, at an exact point. With DLOG_RAISE_AFTER_MS the signal
+// comes that much later instead, while the caller waits somewhere further
+// on (for a bus, say).
 void raiseAtMarker(const std::string& text)
 {
     static bool raised = false;
     const char* marker = std::getenv("DLOG_RAISE_AT");
-    if (!raised && marker != nullptr && *marker != '\0' &&
-        text.find(marker) != std::string::npos)
+    if (raised || marker == nullptr || *marker == '\0' ||
+        text.find(marker) == std::string::npos)
     {
-        raised = true;
-        const char* chosen = std::getenv("DLOG_RAISE_SIGNAL");
-        const std::string_view number = chosen != nullptr ? chosen : "";
-        int signal = SIGUSR1;
-        if (!number.empty() &&
-            std::from_chars(number.data(), number.data() + number.size(),
-                            signal)
-                    .ec != std::errc())
-        {
-            return;
-        }
-        // A hook of the tests: a signal it cannot raise shows there.
-        static_cast<void>(::raise(signal));
+        return;
     }
+    raised = true;
+    const auto signal = numberFromEnvironment("DLOG_RAISE_SIGNAL", SIGUSR1);
+    const auto delayMs = numberFromEnvironment("DLOG_RAISE_AFTER_MS", 0);
+    if (!signal || !delayMs)
+    {
+        return;
+    }
+    if (*delayMs > 0)
+    {
+        raiseLater(*signal, *delayMs);
+        return;
+    }
+    // A hook of the tests: a signal it cannot raise shows there.
+    static_cast<void>(::raise(*signal));
 }
 
 } // namespace

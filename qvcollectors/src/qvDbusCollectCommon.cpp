@@ -120,12 +120,6 @@ void takeProperties(const DbusPropertyMap& properties, std::string* fqdd,
 
 } // namespace
 
-sdbusplus::bus_t& getDefaultBus()
-{
-    static auto bus = sdbusplus::bus::new_default();
-    return bus;
-}
-
 namespace
 {
 
@@ -152,6 +146,21 @@ class CancelSignalHeld
 };
 
 } // namespace
+
+sdbusplus::bus_t& getDefaultBus()
+{
+    static auto bus = [] {
+        const CancelSignalHeld held;
+        return sdbusplus::bus::new_default();
+    }();
+    return bus;
+}
+
+sdbusplus::bus_t newDefaultSystemBus()
+{
+    const CancelSignalHeld held;
+    return sdbusplus::bus::new_default_system();
+}
 
 sdbusplus::message_t callOnce(sdbusplus::bus_t& bus, sdbusplus::message_t& call)
 {

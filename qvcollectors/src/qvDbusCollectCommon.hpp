@@ -43,7 +43,14 @@ extern std::list<std::string> driveObjPaths;
 extern bool driveObjPathsLoaded;
 
 // The one connection shared by every inventory query, kept for the process.
+// A failure to make it is not kept: the next query tries again.
 sdbusplus::bus_t& getDefaultBus();
+
+// The calling thread's default system-bus connection, for one storage call.
+// Making a handle waits for the bus's greeting, which a cancel signal would
+// cut short (the handle then fails to be made), so the signal is held back
+// as it is for a call.
+sdbusplus::bus_t newDefaultSystemBus();
 
 // Sends `call` once and waits for its own reply, or for the call's own
 // timeout. The cancel signal's handler has no SA_RESTART: a signal landing

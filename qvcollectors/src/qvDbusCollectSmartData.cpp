@@ -639,7 +639,7 @@ bool callHardDriveMethod(const char* function, const char* member,
 {
     try
     {
-        auto bus = sdbusplus::bus::new_default_system();
+        auto bus = newDefaultSystemBus();
         auto call = newStorageCall(bus, member, fqdd);
         auto message = callOnce(bus, call);
         uint8_t ignoredOctet = 0;
@@ -711,7 +711,7 @@ int qvdbusGetSmartPDSASSATARawData(const std::string& fqdd,
     std::vector<uint8_t> data;
     try
     {
-        auto bus = sdbusplus::bus::new_default_system();
+        auto bus = newDefaultSystemBus();
         auto call = newStorageCall(bus, "GetSmartPDSASSATARawData", argument);
         auto reply = callOnce(bus, call);
         reply.read(status, data);

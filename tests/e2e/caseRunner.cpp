@@ -420,6 +420,7 @@ class CaseRun
                     fillDisk(r["fill"].get<std::string>());
                 }
                 auto env = environment(r);
+                const auto resumer = pauseBus(r, *bus);
                 check(r, sandbox.run(
                              r.value("args", std::vector<std::string>{"0"}),
                              *bus, scenario, env));
@@ -446,6 +447,23 @@ class CaseRun
             check(runs[i], started[i].get());
         }
         heldOpens.reset();
+    }
+
+    // "pauseBusMs": the bus is stopped as the run starts and resumed that
+    // much later, from the thread handed back: the collector meets a bus
+    // that does not answer yet, not even its greeting.
+    static std::jthread pauseBus(const json& r,
+                                 const testsupport::PrivateBus& bus)
+    {
+        if (!r.contains("pauseBusMs"))
+        {
+            return {};
+        }
+        bus.pause();
+        return std::jthread([&bus, ms = r["pauseBusMs"].get<int>()] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+            bus.resume();
+        });
     }
 
     // "calls": {member: n}, the calls of each member the simulator got.

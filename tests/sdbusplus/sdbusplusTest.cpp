@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -279,6 +280,7 @@ TEST_F(SdbusplusTest, ReadOfWrongTypeNamesCallAndReader)
     const char* sequence =
         "sd_bus_message_enter_container emplace_back_container";
     const char* tuple = "sd_bus_message_enter_container tuple";
+    const char* byteArray = "sd_bus_message_read_array";
     const char* dictionary = "sd_bus_message_enter_container emplace_container";
     const std::vector<WrongTypeCase> table = {
         {"u for s", put("s", "x"), readAs(uint32_t{}), basic},
@@ -286,8 +288,8 @@ TEST_F(SdbusplusTest, ReadOfWrongTypeNamesCallAndReader)
         {"as for s", put("s", "x"), readAs(std::vector<std::string>()),
          sequence},
         {"ay for as", put("as", 1, "x"), readAs(std::vector<uint8_t>()),
-         sequence},
-        {"ay past the end", none, readAs(std::vector<uint8_t>()), sequence},
+         byteArray},
+        {"ay past the end", none, readAs(std::vector<uint8_t>()), byteArray},
         {"(tt) for (tu)", put("(tu)", uint64_t{0}, 1),
          readAs(std::tuple<uint64_t, uint64_t>()), tuple},
         {"(tt) for ay", put("ay", 0), readAs(std::tuple<uint64_t, uint64_t>()),
@@ -420,6 +422,62 @@ TEST_F(SdbusplusTest, DroppingOneDefaultHandleLeavesTheSharedConnectionOpen)
         }
         EXPECT_NO_THROW(echo(system));
     }).join();
+}
+
+// With no bus at the address every way to a handle throws at once, with
+// the library's context: the function's full signature. Threads of their
+// own, so no default connection of another test is handed back.
+TEST_F(SdbusplusTest, NoBusThrowsWhereTheHandleIsMade)
+{
+    const std::string address = getenv("DBUS_SYSTEM_BUS_ADDRESS");
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/bus", 1);
+    const std::vector<std::pair<std::function<void()>, std::string>> table = {
+        {[] { sdbusplus::bus::new_default(); },
+         "sdbusplus::bus::bus sdbusplus::bus::new_default()"},
+        {[] { sdbusplus::bus::new_default_system(); },
+         "sdbusplus::bus::bus sdbusplus::bus::new_default_system()"},
+        {[] { sdbusplus::bus::new_system(); },
+         "sdbusplus::bus::bus sdbusplus::bus::new_system()"},
+    };
+    for (const auto& [make, context] : table)
+    {
+        std::thread([&] {
+            auto error = failureOf(make);
+            EXPECT_EQ(error.what(),
+                      context + ": org.freedesktop.DBus.Error.FileNotFound: "
+                                "No such file or directory");
+        }).join();
+    }
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", address.c_str(), 1);
+}
+
+// A handle is made once the bus has greeted the connection. A signal that
+// cuts that wait fails the handshake, and the library then throws
+// std::logic_error, not one of its own exceptions.
+TEST_F(SdbusplusTest, HandleWaitsForTheBusGreeting)
+{
+    struct sigaction action
+    {};
+    action.sa_handler = [](int) {};
+    sigaction(SIGUSR1, &action, nullptr); // no SA_RESTART
+    daemon->pause();
+    std::string failure = "none";
+    std::thread making([&failure] {
+        try
+        {
+            sdbusplus::bus::new_system();
+        }
+        catch (const std::logic_error& e)
+        {
+            failure = e.what();
+        }
+    });
+    std::this_thread::sleep_for(300ms);
+    pthread_kill(making.native_handle(), SIGUSR1);
+    std::this_thread::sleep_for(100ms);
+    daemon->resume(); // a handle that did not fail gets its greeting now
+    making.join();
+    EXPECT_EQ(failure, "basic_string: construction from null is not valid");
 }
 
 struct ErrorCase

@@ -375,6 +375,24 @@ JournalSink::~JournalSink()
     close(fd);
 }
 
+namespace
+{
+
+std::vector<pid_t> childrenOf(pid_t parent)
+{
+    const std::string id = std::to_string(parent);
+    std::istringstream listed(
+        readFile("/proc/" + id + "/task/" + id + "/children"));
+    std::vector<pid_t> children;
+    for (pid_t child = 0; listed >> child;)
+    {
+        children.push_back(child);
+    }
+    return children;
+}
+
+} // namespace
+
 // As root the daemon tries to raise its descriptor limit and says so on
 // standard error in a container that forbids it: ChildProcess drops it.
 PrivateBus::PrivateBus(BusKind kind) : busKind(kind)
@@ -406,15 +424,36 @@ PrivateBus::~PrivateBus()
     {
         return;
     }
-    const pid_t launcher = daemon->id();
-    std::istringstream children(readFile("/proc/" + std::to_string(launcher) +
-                                         "/task/" + std::to_string(launcher) +
-                                         "/children"));
-    for (pid_t child = 0; children >> child;)
+    for (const pid_t broker : childrenOf(daemon->id()))
     {
-        kill(child, SIGTERM);
+        kill(broker, SIGTERM);
     }
     daemon->awaitExit(std::chrono::seconds(5));
+}
+
+namespace
+{
+
+// The daemon, or the broker's launcher and the broker it started.
+void signalBusProcesses(pid_t top, int signal)
+{
+    kill(top, signal);
+    for (const pid_t child : childrenOf(top))
+    {
+        kill(child, signal);
+    }
+}
+
+} // namespace
+
+void PrivateBus::pause() const
+{
+    signalBusProcesses(daemon->id(), SIGSTOP);
+}
+
+void PrivateBus::resume() const
+{
+    signalBusProcesses(daemon->id(), SIGCONT);
 }
 
 EnvChanges PrivateBus::environment() const

@@ -146,6 +146,11 @@ class PrivateBus
     }
     // Makes libsystemd's default and system buses this one, for children.
     EnvChanges environment() const;
+    // Stops (SIGSTOP) or resumes the bus's processes: while it is stopped
+    // a client waits for every answer, the greeting of a new connection
+    // included.
+    void pause() const;
+    void resume() const;
 
   private:
     BusKind busKind;

@@ -68,7 +68,7 @@ std::pair<const void*, std::size_t> readArray(sd_bus_message* m, char type)
     const void* data = nullptr;
     std::size_t bytes = 0;
     check(sd_bus_message_read_array(m, type, &data, &bytes),
-          "sd_bus_message_read_array", reader::sequence);
+          "sd_bus_message_read_array");
     return {data, bytes};
 }
 
@@ -108,13 +108,6 @@ bool atEnd(sd_bus_message* m, const char* by)
 {
     const int r = sd_bus_message_at_end(m, 0);
     check(r, "sd_bus_message_at_end", by);
-    return r > 0;
-}
-
-bool nextIs(sd_bus_message* m, char type, const char* contents)
-{
-    const int r = sd_bus_message_verify_type(m, type, contents);
-    check(r, "sd_bus_message_verify_type", reader::sequence);
     return r > 0;
 }
 

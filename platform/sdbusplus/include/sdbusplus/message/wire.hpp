@@ -34,8 +34,7 @@ void closeContainer(sd_bus_message* m);
 // Reading past the end of the message or its current container fails too:
 // a reply shorter than expected does not match.
 void readBasic(sd_bus_message* m, char type, void* value, const char* by);
-// Whole array of a fixed-size type in one step; the caller has made sure
-// with nextIs() that such an array comes next.
+// Whole array of a fixed-size type in one step.
 std::pair<const void*, std::size_t> readArray(sd_bus_message* m, char type);
 void enterContainer(sd_bus_message* m, char type, const char* contents,
                     const char* by);
@@ -46,7 +45,5 @@ std::string_view variantContents(sd_bus_message* m);
 
 // True when the current container has no further element.
 bool atEnd(sd_bus_message* m, const char* by);
-// True when the next element is of `type` and holds exactly `contents`.
-bool nextIs(sd_bus_message* m, char type, const char* contents);
 
 } // namespace sdbusplus::message::details
