@@ -25,6 +25,7 @@ packages=(
     clang libclang-rt-14-dev clang-tidy clang-format-16
     prometheus prometheus-node-exporter prometheus-alertmanager chromium
     dbus-broker
+    flake8 black shellcheck yamllint
 )
 
 missingPackages() {

@@ -17,7 +17,7 @@ import scenario  # noqa: E402
 
 def statistic(page, offset):
     """ACS device statistics: LE value, supported and valid in the top octet."""
-    entry = page[offset:offset + 8]
+    entry = page[offset : offset + 8]
     if len(entry) < 8 or entry[7] & 0xC0 != 0xC0:
         return None
     return int.from_bytes(entry[:6], "little")
@@ -39,7 +39,8 @@ class DeviceStatistics(unittest.TestCase):
             with self.subTest(attribute=number, raw=raw):
                 pages = scenario.device_statistics_pages({number: raw})
                 data = bytes.fromhex(
-                    next(p for p in pages if p["code"] == page)["data"])
+                    next(p for p in pages if p["code"] == page)["data"]
+                )
                 self.assertEqual(data[2], page)
                 self.assertEqual(statistic(data, offset), want)
 
@@ -50,8 +51,7 @@ class DeviceStatistics(unittest.TestCase):
 
 
 def write_csv(rows, columns=("smart_5_raw", "smart_188_raw")):
-    fh = tempfile.NamedTemporaryFile("w", suffix=".csv", delete=False,
-                                     newline="")
+    fh = tempfile.NamedTemporaryFile("w", suffix=".csv", delete=False, newline="")
     writer = csv.writer(fh)
     writer.writerow(("date", "serial_number", "model", "failure") + columns)
     writer.writerows(rows)
@@ -61,32 +61,40 @@ def write_csv(rows, columns=("smart_5_raw", "smart_188_raw")):
 
 class Backblaze(unittest.TestCase):
     def test_failed_healthy_and_retired_drives(self):
-        path = write_csv([
-            ("2019-12-30", "FAILS", "M", "0", "0", "0"),
-            ("2019-12-31", "FAILS", "M", "1", "0", "0"),
-            ("2019-12-31", "HEALTHY", "M", "0", "0", "5"),
-            ("2019-12-29", "RETIRED", "M", "0", "0", "0"),
-            # failure set on a row before the last still marks a failure
-            ("2019-12-30", "EARLY", "M", "1", "0", "0"),
-            ("2019-12-31", "EARLY", "M", "0", "2", "0"),
-            ("2019-12-30", "HEALED", "M", "0", "9", "0"),
-            ("2019-12-31", "HEALED", "M", "0", "0", "0"),
-        ])
+        path = write_csv(
+            [
+                ("2019-12-30", "FAILS", "M", "0", "0", "0"),
+                ("2019-12-31", "FAILS", "M", "1", "0", "0"),
+                ("2019-12-31", "HEALTHY", "M", "0", "0", "5"),
+                ("2019-12-29", "RETIRED", "M", "0", "0", "0"),
+                # failure set on a row before the last still marks a failure
+                ("2019-12-30", "EARLY", "M", "1", "0", "0"),
+                ("2019-12-31", "EARLY", "M", "0", "2", "0"),
+                ("2019-12-30", "HEALED", "M", "0", "9", "0"),
+                ("2019-12-31", "HEALED", "M", "0", "0", "0"),
+            ]
+        )
         self.addCleanup(os.unlink, path)
         drives, columns, last = evaluate.load_backblaze(path)
         got = {d["serial"]: (d["failed"], d["flags"][-1][0]) for d in drives}
-        self.assertEqual(got, {"FAILS": (True, False),
-                               "HEALTHY": (False, True),
-                               "EARLY": (True, True),
-                               "HEALED": (False, False)})
+        self.assertEqual(
+            got,
+            {
+                "FAILS": (True, False),
+                "HEALTHY": (False, True),
+                "EARLY": (True, True),
+                "HEALED": (False, False),
+            },
+        )
         self.assertEqual((columns, last), ({5, 188}, "2019-12-31"))
 
     def test_days_of_each_kind_of_file(self):
         rows = [{"date": f"2019-06-0{i}"} for i in range(1, 6)]
         drive = {"rows": rows}
         aligned = evaluate.daily_rows(evaluate.ALIGNED, drive, "2019-12-31")
-        self.assertEqual([d.isoformat() for d, _ in aligned],
-                         [f"2019-12-{i}" for i in range(27, 32)])
+        self.assertEqual(
+            [d.isoformat() for d, _ in aligned], [f"2019-12-{i}" for i in range(27, 32)]
+        )
         history = evaluate.daily_rows("bb2013_x.csv", drive, "2019-12-31")
         self.assertEqual(history[-1][0], datetime.date(2019, 6, 5))
         last = evaluate.daily_rows("x_lastday.csv", drive, "2019-12-31")
@@ -104,39 +112,54 @@ class Rules(unittest.TestCase):
             ("4", "0", "0", (True, False)),  # nothing the row before
             ("4", "0", "9", (True, False)),
         ]
-        rows = [{"smart_5_raw": a, "smart_197_raw": b, "smart_188_raw": c}
-                for a, b, c, _ in cases]
-        self.assertEqual(evaluate.rule_flags(rows, {5, 9, 197}),
-                         [want for *_, want in cases])
+        rows = [
+            {"smart_5_raw": a, "smart_197_raw": b, "smart_188_raw": c}
+            for a, b, c, _ in cases
+        ]
+        self.assertEqual(
+            evaluate.rule_flags(rows, {5, 9, 197}), [want for *_, want in cases]
+        )
 
     def test_verdicts_of_each_day_from_the_export(self):
-        text = "\n".join((
-            "# TYPE qv_smart_device_verdict gauge",
-            'qv_smart_device_verdict{fqdd="A:1",class="SATA HDD"} 1 '
-            "1365552000",
-            'qv_smart_device_verdict{class="SATA HDD",fqdd="B"} 2 '
-            "1365638400.000",
-            'qv_smart_device_verdict_changes{fqdd="A:1"} 0 1365638400',
-            'qv_smart_temperature_celsius{fqdd="B"} 40 1365552000',
-            "# EOF"))
-        self.assertEqual(evaluate.day_verdicts(text), {
-            ("A:1", datetime.date(2013, 4, 10)): "WARNING",
-            ("B", datetime.date(2013, 4, 11)): "FAILED"})
+        text = "\n".join(
+            (
+                "# TYPE qv_smart_device_verdict gauge",
+                'qv_smart_device_verdict{fqdd="A:1",class="SATA HDD"} 1 ' "1365552000",
+                'qv_smart_device_verdict{class="SATA HDD",fqdd="B"} 2 '
+                "1365638400.000",
+                'qv_smart_device_verdict_changes{fqdd="A:1"} 0 1365638400',
+                'qv_smart_temperature_celsius{fqdd="B"} 40 1365552000',
+                "# EOF",
+            )
+        )
+        self.assertEqual(
+            evaluate.day_verdicts(text),
+            {
+                ("A:1", datetime.date(2013, 4, 10)): "WARNING",
+                ("B", datetime.date(2013, 4, 11)): "FAILED",
+            },
+        )
 
 
 def drive(failed, days, verdicts, five, grew, since=None):
     """A drive read on the given days of May 2013; one letter a day."""
     names = {"P": "PASSED", "W": "WARNING", "F": "FAILED"}
-    return {"failed": failed, "since": since, "last_day": "2013-05-19",
-            "marks": [evaluate.Mark(datetime.date(2013, 5, d), names[v],
-                                    f == "1", g == "1")
-                      for d, v, f, g in zip(days, verdicts, five, grew)]}
+    return {
+        "failed": failed,
+        "since": since,
+        "last_day": "2013-05-19",
+        "marks": [
+            evaluate.Mark(datetime.date(2013, 5, d), names[v], f == "1", g == "1")
+            for d, v, f, g in zip(days, verdicts, five, grew)
+        ],
+    }
 
 
 class Counting(unittest.TestCase):
     drives = [
-        drive(True, range(10, 20), "PPWWWWWWFF", "0011111111", "0010000001",
-              "2013-05-18"),
+        drive(
+            True, range(10, 20), "PPWWWWWWFF", "0011111111", "0010000001", "2013-05-18"
+        ),
         drive(True, range(16, 20), "WWWW", "1111", "0000", "2013-05-16"),
         # not read between the 2nd and the 10th: a week before is the 10th
         drive(True, (1, 2, 10, 19), "PPWP", "0010", "0010"),
@@ -145,8 +168,7 @@ class Counting(unittest.TestCase):
     ]
 
     def counts(self, t, group):
-        return tuple(t[f"{group}_{key}"] for key in ("warn", "fail", "five",
-                                                      "grow"))
+        return tuple(t[f"{group}_{key}"] for key in ("warn", "fail", "five", "grow"))
 
     def test_last_day_drive_days_and_a_week_before(self):
         t = evaluate.tally(self.drives, multi_day=True)
@@ -166,27 +188,39 @@ class Counting(unittest.TestCase):
         t = evaluate.tally(self.drives, multi_day=True)
         self.assertEqual(
             (t["leads"], t["leads_run"], t["leads_five"], t["leads_grow"]),
-            ([1, 3], [7, 3], [7, 3], [0]))
+            ([1, 3], [7, 3], [7, 3], [0]),
+        )
 
     def test_a_single_day_file_has_no_growth_days_or_leads(self):
         t = evaluate.tally(self.drives, multi_day=False)
         self.assertEqual(self.counts(t, "f"), (2, 1, 2, 1))
-        self.assertEqual((t["n_grow_failed"], t["n_days"], t["n_week"],
-                          t["leads"], t["leads_run"]), (0, 0, 0, [], []))
+        self.assertEqual(
+            (t["n_grow_failed"], t["n_days"], t["n_week"], t["leads"], t["leads_run"]),
+            (0, 0, 0, [], []),
+        )
         rows = dict(evaluate.table_rows([("x.csv", "held-out", t)]))
-        self.assertEqual(rows["Failed drives flagged on their last day"][1],
-                         ("x", "held-out", "2/3  66.7%", "1/3  33.3%",
-                          "2/3  66.7%", "-"))
+        self.assertEqual(
+            rows["Failed drives flagged on their last day"][1],
+            ("x", "held-out", "2/3  66.7%", "1/3  33.3%", "2/3  66.7%", "-"),
+        )
 
 
 class SmartctlCheck(unittest.TestCase):
     def test_a_wrong_figure_or_a_missed_failure_is_named(self):
-        base = {"file": "f", "fqdd": "D", "class": "NVMe", "notes": [],
-                "expected": {"temp_c": 40, "critical_warning": 16},
-                "passed": False}
-        row = {"class": "NVMe", "temp_c": "40",
-               "critical_warning": "volatile-backup-failed",
-               "verdict": "FAILED"}
+        base = {
+            "file": "f",
+            "fqdd": "D",
+            "class": "NVMe",
+            "notes": [],
+            "expected": {"temp_c": 40, "critical_warning": 16},
+            "passed": False,
+        }
+        row = {
+            "class": "NVMe",
+            "temp_c": "40",
+            "critical_warning": "volatile-backup-failed",
+            "verdict": "FAILED",
+        }
         cases = [
             ({}, "ok FAILED"),
             ({"temp_c": "39"}, "MISMATCH FAILED"),
@@ -196,14 +230,16 @@ class SmartctlCheck(unittest.TestCase):
         ]
         for change, want in cases:
             with self.subTest(change=change):
-                lines = evaluate.compare_smartctl([base], {"D": {**row,
-                                                                 **change}})
+                lines = evaluate.compare_smartctl([base], {"D": {**row, **change}})
                 self.assertEqual(lines[0][2], want)
 
     def test_warning_bits_read_back(self):
-        for text, want in (("none", 0), ("", None),
-                           ("spare-below-threshold;temperature", 3),
-                           ("pmr-read-only;bit7", 32 | 128)):
+        for text, want in (
+            ("none", 0),
+            ("", None),
+            ("spare-below-threshold;temperature", 3),
+            ("pmr-read-only;bit7", 32 | 128),
+        ):
             with self.subTest(text=text):
                 self.assertEqual(evaluate.warning_bits(text), want)
 

@@ -35,8 +35,7 @@ def check(condition, what):
 
 
 def read(*args):
-    result = subprocess.run([reader, *args], capture_output=True, text=True,
-                            timeout=60)
+    result = subprocess.run([reader, *args], capture_output=True, text=True, timeout=60)
     check(result.returncode & 3 == 0, result.stderr)  # damage or usage
     return result.stdout
 
@@ -48,19 +47,18 @@ def freePort():
 
 
 def get(port, path):
-    with urllib.request.urlopen(f"http://127.0.0.1:{port}{path}",
-                                timeout=5) as reply:
+    with urllib.request.urlopen(f"http://127.0.0.1:{port}{path}", timeout=5) as reply:
         return json.loads(reply.read()) if path.startswith("/api") else None
 
 
 # The counters whose rise alerts, by the names the reasons give them, and
 # the alerts of a drive that its FAILED alert holds back in Alertmanager.
-WATCHED = {("qv_smart_device_media_errors", None): "media_errors",
-           ("qv_smart_device_attribute", "Reallocated_Sector_Ct"):
-           "reallocated",
-           ("qv_smart_device_attribute", "Current_Pending_Sector"): "pending"}
-HELD_BACK = {"QvSmartDriveWarning", "QvSmartDriveHot",
-             "QvSmartDriveCounterRose"}
+WATCHED = {
+    ("qv_smart_device_media_errors", None): "media_errors",
+    ("qv_smart_device_attribute", "Reallocated_Sector_Ct"): "reallocated",
+    ("qv_smart_device_attribute", "Current_Pending_Sector"): "pending",
+}
+HELD_BACK = {"QvSmartDriveWarning", "QvSmartDriveHot", "QvSmartDriveCounterRose"}
 
 
 def counters(textfile):
@@ -99,27 +97,37 @@ place(every, f"{work}/days")
 # one more reported uncorrectable error (device statistics, general errors,
 # offset 08h).
 for kind, pattern, value in (
-        ("SL", r'("SSD-A":\n\{[^}]*"Drive Temp": ")\d+', "70"),
-        ("RD", r'("SATA-HDD":\n\{.*?"genErrStatistics\(4\)": \{\n'
-         r'"000000": "(?:[0-9a-f]{2} ){8})01', "02")):
-    last = f"{work}/days/" + max(n for n in os.listdir(f"{work}/days")
-                                 if n[:2] == kind)
+    ("SL", r'("SSD-A":\n\{[^}]*"Drive Temp": ")\d+', "70"),
+    (
+        "RD",
+        r'("SATA-HDD":\n\{.*?"genErrStatistics\(4\)": \{\n'
+        r'"000000": "(?:[0-9a-f]{2} ){8})01',
+        "02",
+    ),
+):
+    last = f"{work}/days/" + max(n for n in os.listdir(f"{work}/days") if n[:2] == kind)
     with open(last) as logs:
-        text, count = re.subn(pattern, rf"\g<1>{value}", logs.read(),
-                              flags=re.S)
+        text, count = re.subn(pattern, rf"\g<1>{value}", logs.read(), flags=re.S)
     check(count == 1, f"{pattern} not in {last}")
     with open(last, "w") as logs:
         logs.write(text)
 
 # What the reader says of the drives still in the server.
 history = json.loads(read("history", "--format=json", f"{work}/days"))
-reasons = {row["fqdd"]: row["reasons"] for row in csv.DictReader(
-    io.StringIO(read("history", "--format=csv", f"{work}/days")))}
+reasons = {
+    row["fqdd"]: row["reasons"]
+    for row in csv.DictReader(
+        io.StringIO(read("history", "--format=csv", f"{work}/days"))
+    )
+}
 present = {d["fqdd"]: d for d in history["drives"] if not d["vanished"]}
-verdicts = {v: {f for f, d in present.items() if d["verdict"] == v}
-            for v in ("FAILED", "WARNING", "PASSED")}
-hot = {f for f, d in present.items()
-       if any(r["figure"] == "temp_c" for r in d["reasons"])}
+verdicts = {
+    v: {f for f, d in present.items() if d["verdict"] == v}
+    for v in ("FAILED", "WARNING", "PASSED")
+}
+hot = {
+    f for f, d in present.items() if any(r["figure"] == "temp_c" for r in d["reasons"])
+}
 check(all(verdicts.values()) and hot, f"a drive of each verdict: {present}")
 
 # The export of the collection before is scraped first; the last one's ran
@@ -133,8 +141,11 @@ check(silent, f"a drive without a reading on the last day: {present}")
 
 def key(alert):
     labels = alert["labels"]
-    return (labels["alertname"], labels.get("fqdd", labels.get("file")),
-            labels.get("counter"))
+    return (
+        labels["alertname"],
+        labels.get("fqdd", labels.get("file")),
+        labels.get("counter"),
+    )
 
 
 received = []
@@ -161,39 +172,68 @@ nodeExporter = f"127.0.0.1:{ports['node']}"
 # The shipped Alertmanager configuration with this test's webhook, and a
 # second's wait where it waits for more alerts of a group.
 with open(route) as shipped:
-    text, urls = re.subn(r"url: \S+", "url: http://127.0.0.1:"
-                         f"{webhook.server_port}/alerts", shipped.read())
+    text, urls = re.subn(
+        r"url: \S+",
+        "url: http://127.0.0.1:" f"{webhook.server_port}/alerts",
+        shipped.read(),
+    )
 text, waits = re.subn(r"(group_wait|group_interval): \S+", r"\1: 1s", text)
 check(urls and waits, f"no webhook or no group wait in {route}")
 configs = {
     "alertmanager": text,
-    "prometheus": json.dumps({  # YAML takes JSON
-        "global": {"scrape_interval": "1s", "evaluation_interval": "1s"},
-        "rule_files": [rules],
-        "alerting": {"alertmanagers": [{"static_configs": [{
-            "targets": [f"127.0.0.1:{ports['alertmanager']}"]}]}]},
-        "scrape_configs": [{"job_name": "node", "static_configs": [{
-            "targets": [nodeExporter]}]}]})}
+    "prometheus": json.dumps(
+        {  # YAML takes JSON
+            "global": {"scrape_interval": "1s", "evaluation_interval": "1s"},
+            "rule_files": [rules],
+            "alerting": {
+                "alertmanagers": [
+                    {
+                        "static_configs": [
+                            {"targets": [f"127.0.0.1:{ports['alertmanager']}"]}
+                        ]
+                    }
+                ]
+            },
+            "scrape_configs": [
+                {"job_name": "node", "static_configs": [{"targets": [nodeExporter]}]}
+            ],
+        }
+    ),
+}
 commands = {
-    "node": ["prometheus-node-exporter", "--collector.disable-defaults",
-             "--collector.textfile",
-             f"--collector.textfile.directory={work}/textfile"],
-    "alertmanager": ["prometheus-alertmanager", "--cluster.listen-address=",
-                     f"--storage.path={work}/alertmanager"],
-    "prometheus": ["prometheus", f"--storage.tsdb.path={work}/prometheus"]}
+    "node": [
+        "prometheus-node-exporter",
+        "--collector.disable-defaults",
+        "--collector.textfile",
+        f"--collector.textfile.directory={work}/textfile",
+    ],
+    "alertmanager": [
+        "prometheus-alertmanager",
+        "--cluster.listen-address=",
+        f"--storage.path={work}/alertmanager",
+    ],
+    "prometheus": ["prometheus", f"--storage.tsdb.path={work}/prometheus"],
+}
 servers = {}
 
 
 def start(name):
-    args = ["timeout", "90", *commands[name],
-            f"--web.listen-address=127.0.0.1:{ports[name]}"]
+    args = [
+        "timeout",
+        "90",
+        *commands[name],
+        f"--web.listen-address=127.0.0.1:{ports[name]}",
+    ]
     if name in configs:
         with open(f"{work}/{name}.yml", "w") as config:
             config.write(configs[name])
-        args += [f"--config.file={work}/{name}.yml",
-                 f"--web.external-url=http://127.0.0.1:{ports[name]}/"]
-    servers[name] = subprocess.Popen(args, stdout=subprocess.DEVNULL,
-                                     stderr=open(f"{work}/{name}.log", "w"))
+        args += [
+            f"--config.file={work}/{name}.yml",
+            f"--web.external-url=http://127.0.0.1:{ports[name]}/",
+        ]
+    servers[name] = subprocess.Popen(
+        args, stdout=subprocess.DEVNULL, stderr=open(f"{work}/{name}.log", "w")
+    )
     deadline = time.monotonic() + WAIT_S
     while True:
         try:
@@ -205,8 +245,7 @@ def start(name):
 
 
 def alerts():
-    return [a for body in received for a in body["alerts"]
-            if a["status"] == "firing"]
+    return [a for body in received for a in body["alerts"] if a["status"] == "firing"]
 
 
 try:
@@ -219,19 +258,25 @@ try:
         time.sleep(0.1)
     read("export", "--format=textfile", "--output", textfile, f"{work}/days")
     os.utime(textfile, (time.time() - 27 * 3600,) * 2)
-    rose = {(f, c) for (f, c), value in counters(textfile).items()
-            if value > before.get((f, c), value)}
+    rose = {
+        (f, c)
+        for (f, c), value in counters(textfile).items()
+        if value > before.get((f, c), value)
+    }
     check(rose, f"no counter rose from {before}")
-    expected = ({("QvSmartDriveFailed", f, None) for f in verdicts["FAILED"]}
-                | {("QvSmartDriveHot", f, None) for f in hot}
-                | {("QvSmartDriveCounterRose", f, c) for f, c in rose}
-                | {("QvSmartDriveSilent", f, None) for f in silent}
-                | {("QvSmartTextfileStale", textfile, None)})
+    expected = (
+        {("QvSmartDriveFailed", f, None) for f in verdicts["FAILED"]}
+        | {("QvSmartDriveHot", f, None) for f in hot}
+        | {("QvSmartDriveCounterRose", f, c) for f, c in rose}
+        | {("QvSmartDriveSilent", f, None) for f in silent}
+        | {("QvSmartTextfileStale", textfile, None)}
+    )
     # A FAILED drive's other alerts are held back, another drive's are not.
-    heldBack = {k for k in expected
-                if k[0] in HELD_BACK and k[1] in verdicts["FAILED"]}
-    check(heldBack and any(k[0] in HELD_BACK for k in expected - heldBack),
-          f"a FAILED drive's alert to hold back and another's not: {expected}")
+    heldBack = {k for k in expected if k[0] in HELD_BACK and k[1] in verdicts["FAILED"]}
+    check(
+        heldBack and any(k[0] in HELD_BACK for k in expected - heldBack),
+        f"a FAILED drive's alert to hold back and another's not: {expected}",
+    )
     with arrived:
         while not expected - heldBack <= {key(a) for a in alerts()}:
             check(time.monotonic() < deadline, f"after {WAIT_S} s: {alerts()}")
@@ -240,18 +285,29 @@ try:
     # expected ones is in Alertmanager by now.
     held = get(ports["alertmanager"], "/api/v2/alerts")
     check({key(a) for a in held} == expected, f"Alertmanager holds {held}")
-    failures = {key(a)[1]: a["fingerprint"] for a in held
-                if key(a)[0] == "QvSmartDriveFailed"}
+    failures = {
+        key(a)[1]: a["fingerprint"] for a in held if key(a)[0] == "QvSmartDriveFailed"
+    }
     for alert in held:
         status = alert["status"]
-        check((status["state"], status["inhibitedBy"])
-              == (("suppressed", [failures[key(alert)[1]]])
-                  if key(alert) in heldBack else ("active", [])),
-              f"held back or not: {alert}")
-    pending = {key(a)[:2] for a in get(ports["prometheus"], "/api/v1/alerts")
-               ["data"]["alerts"] if a["state"] == "pending"}
-    check(pending == {("QvSmartDriveWarning", f) for f in verdicts["WARNING"]},
-          f"pending {pending}")
+        check(
+            (status["state"], status["inhibitedBy"])
+            == (
+                ("suppressed", [failures[key(alert)[1]]])
+                if key(alert) in heldBack
+                else ("active", [])
+            ),
+            f"held back or not: {alert}",
+        )
+    pending = {
+        key(a)[:2]
+        for a in get(ports["prometheus"], "/api/v1/alerts")["data"]["alerts"]
+        if a["state"] == "pending"
+    }
+    check(
+        pending == {("QvSmartDriveWarning", f) for f in verdicts["WARNING"]},
+        f"pending {pending}",
+    )
 finally:
     for server in servers.values():
         server.terminate()
@@ -269,15 +325,20 @@ with open(f"{work}/webhook.json", "w") as out:
 check({key(a) for a in alerts()} == expected - heldBack, f"received {alerts()}")
 for alert in alerts():
     labels = alert["labels"]
-    check(labels.get("fqdd") not in verdicts["PASSED"] - silent,
-          f"PASSED: {alert}")
-    check((labels["instance"], labels["job"]) == (nodeExporter, "node")
-          and labels.get("class") == present.get(labels.get("fqdd"), {})
-          .get("class"), f"labels: {alert}")
+    check(labels.get("fqdd") not in verdicts["PASSED"] - silent, f"PASSED: {alert}")
+    check(
+        (labels["instance"], labels["job"]) == (nodeExporter, "node")
+        and labels.get("class") == present.get(labels.get("fqdd"), {}).get("class"),
+        f"labels: {alert}",
+    )
     failed = labels["alertname"] == "QvSmartDriveFailed"
-    check(labels["severity"] == ("critical" if failed else "warning")
-          and (not failed or alert["annotations"]["reasons"]
-               == reasons[labels["fqdd"]]), f"severity or reasons: {alert}")
-print(f"alertsTest: {len(alerts())} alerts at the webhook "
-      f"({work}/webhook.json), {len(heldBack)} held back, "
-      f"{len(pending)} pending")
+    check(
+        labels["severity"] == ("critical" if failed else "warning")
+        and (not failed or alert["annotations"]["reasons"] == reasons[labels["fqdd"]]),
+        f"severity or reasons: {alert}",
+    )
+print(
+    f"alertsTest: {len(alerts())} alerts at the webhook "
+    f"({work}/webhook.json), {len(heldBack)} held back, "
+    f"{len(pending)} pending"
+)

@@ -26,19 +26,30 @@ def check(condition, what):
 
 
 def read(*args):
-    result = subprocess.run([reader, *args], capture_output=True, text=True,
-                            timeout=60)
+    result = subprocess.run([reader, *args], capture_output=True, text=True, timeout=60)
     check(result.returncode & DAMAGE_OR_USAGE == 0, result.stderr)
     return result.stdout
 
 
 def chromium(*args):
     result = subprocess.run(
-        ["chromium", "--headless", "--no-sandbox", "--disable-gpu",
-         "--no-first-run", "--no-default-browser-check",
-         "--disable-dev-shm-usage", f"--user-data-dir={work}/profile",
-         "--hide-scrollbars", *args, f"file://{work}/page.html"],
-        capture_output=True, text=True, timeout=120)
+        [
+            "chromium",
+            "--headless",
+            "--no-sandbox",
+            "--disable-gpu",
+            "--no-first-run",
+            "--no-default-browser-check",
+            "--disable-dev-shm-usage",
+            f"--user-data-dir={work}/profile",
+            "--hide-scrollbars",
+            *args,
+            f"file://{work}/page.html",
+        ],
+        capture_output=True,
+        text=True,
+        timeout=120,
+    )
     check(result.returncode == 0, f"chromium: {result.stderr}")
     return result.stdout
 
@@ -53,9 +64,14 @@ class Drives(html.parser.HTMLParser):
     def handle_starttag(self, tag, attrs):
         attrs = dict(attrs)
         if tag == "section" and "drive" in attrs.get("class", ""):
-            self.sections.append({"fqdd": attrs["data-fqdd"],
-                                  "verdict": attrs["data-verdict"],
-                                  "plots": 0, "lines": 0})
+            self.sections.append(
+                {
+                    "fqdd": attrs["data-fqdd"],
+                    "verdict": attrs["data-verdict"],
+                    "plots": 0,
+                    "lines": 0,
+                }
+            )
         elif tag == "svg" and self.sections:
             self.sections[-1]["plots"] += 1
         elif tag in ("polyline", "circle") and self.sections:
@@ -69,21 +85,28 @@ with open(f"{work}/page.html", "w") as page:
 rendered = Drives()
 rendered.feed(chromium("--dump-dom"))
 sections = rendered.sections
-check(sorted(s["fqdd"] for s in sections)
-      == sorted(d["fqdd"] for d in history["drives"]),
-      f"drives on the page: {[s['fqdd'] for s in sections]}")
+check(
+    sorted(s["fqdd"] for s in sections) == sorted(d["fqdd"] for d in history["drives"]),
+    f"drives on the page: {[s['fqdd'] for s in sections]}",
+)
 verdicts = {d["fqdd"]: d["verdict"] for d in history["drives"]}
-check(all(s["verdict"] == verdicts[s["fqdd"]] for s in sections),
-      "verdicts differ from the history's")
+check(
+    all(s["verdict"] == verdicts[s["fqdd"]] for s in sections),
+    "verdicts differ from the history's",
+)
 ranks = [RANK[s["verdict"]] for s in sections]
 check(ranks == sorted(ranks), f"drives not failed first: {ranks}")
-check(all(s["plots"] >= 1 and s["lines"] >= s["plots"] for s in sections),
-      f"a drive without a drawn plot: {sections}")
+check(
+    all(s["plots"] >= 1 and s["lines"] >= s["plots"] for s in sections),
+    f"a drive without a drawn plot: {sections}",
+)
 
 chromium(f"--window-size={WIDTH},{HEIGHT}", f"--screenshot={work}/page.png")
 with open(f"{work}/page.png", "rb") as shot:
     head = shot.read(24)
-check(head[:8] == b"\x89PNG\r\n\x1a\n"
-      and struct.unpack(">II", head[16:24]) == (WIDTH, HEIGHT),
-      "the screenshot is no PNG of the window's size")
+check(
+    head[:8] == b"\x89PNG\r\n\x1a\n"
+    and struct.unpack(">II", head[16:24]) == (WIDTH, HEIGHT),
+    "the screenshot is no PNG of the window's size",
+)
 print(f"pageTest: {len(sections)} drives, screenshot {work}/page.png")

@@ -23,8 +23,9 @@ DAMAGE_OR_USAGE = 3
 
 
 def run(*args, stdin=None):
-    result = subprocess.run(args, input=stdin, capture_output=True,
-                            text=True, timeout=120)
+    result = subprocess.run(
+        args, input=stdin, capture_output=True, text=True, timeout=120
+    )
     return result.returncode, result.stdout, result.stderr
 
 
@@ -52,12 +53,12 @@ def freePort():
 
 def query(port, promql, at):
     url = f"http://127.0.0.1:{port}/api/v1/query?" + urllib.parse.urlencode(
-        {"query": promql, "time": at})
+        {"query": promql, "time": at}
+    )
     with urllib.request.urlopen(url, timeout=10) as reply:
         body = json.load(reply)
     check(body["status"] == "success", f"{promql}: {body}")
-    return {r["metric"]["fqdd"]: float(r["value"][1])
-            for r in body["data"]["result"]}
+    return {r["metric"]["fqdd"]: float(r["value"][1]) for r in body["data"]["result"]}
 
 
 def startPrometheus(data):
@@ -65,15 +66,21 @@ def startPrometheus(data):
     with open(f"{work}/prometheus.yml", "w") as config:
         config.write("global:\n  scrape_interval: 1h\n")
     server = subprocess.Popen(
-        ["timeout", "120", "prometheus",
-         f"--config.file={work}/prometheus.yml",
-         f"--storage.tsdb.path={data}", "--storage.tsdb.retention.time=100y",
-         f"--web.listen-address=127.0.0.1:{port}"],
-        stdout=subprocess.DEVNULL, stderr=open(f"{work}/prometheus.log", "w"))
+        [
+            "timeout",
+            "120",
+            "prometheus",
+            f"--config.file={work}/prometheus.yml",
+            f"--storage.tsdb.path={data}",
+            "--storage.tsdb.retention.time=100y",
+            f"--web.listen-address=127.0.0.1:{port}",
+        ],
+        stdout=subprocess.DEVNULL,
+        stderr=open(f"{work}/prometheus.log", "w"),
+    )
     for _ in range(300):
         try:
-            urllib.request.urlopen(f"http://127.0.0.1:{port}/-/ready",
-                                   timeout=1)
+            urllib.request.urlopen(f"http://127.0.0.1:{port}/-/ready", timeout=1)
             return server, port
         except OSError:
             check(server.poll() is None, "prometheus stopped; see its log")
@@ -92,37 +99,68 @@ textfile = f"{work}/qv_smart.prom"
 read("export", "--format=textfile", "--output", textfile, days)
 promtoolAccepts(open(textfile).read(), "textfile")
 for drive in history["drives"]:
-    check((f'fqdd="{drive["fqdd"]}"' in open(textfile).read())
-          == (not drive["vanished"]), f"{drive['fqdd']} in the textfile")
+    check(
+        (f'fqdd="{drive["fqdd"]}"' in open(textfile).read()) == (not drive["vanished"]),
+        f"{drive['fqdd']} in the textfile",
+    )
 
 with open(f"{work}/history.om", "w") as out:
     out.write(openMetrics)
-code, out, err = run("promtool", "tsdb", "create-blocks-from", "openmetrics",
-                     f"{work}/history.om", f"{work}/data")
+code, out, err = run(
+    "promtool",
+    "tsdb",
+    "create-blocks-from",
+    "openmetrics",
+    f"{work}/history.om",
+    f"{work}/data",
+)
 check(code == 0, f"create-blocks-from: {out}{err}")
 
 server, port = startPrometheus(f"{work}/data")
 try:
+
     def midnight(day):
-        return datetime.datetime.fromisoformat(day).replace(
-            tzinfo=datetime.timezone.utc).timestamp()
+        return (
+            datetime.datetime.fromisoformat(day)
+            .replace(tzinfo=datetime.timezone.utc)
+            .timestamp()
+        )
+
     at = midnight(lastDay)
     span = f"{int(at - midnight(history['first_day'])) // 86400 + 1}d"
-    hottest = query(port, "max by (fqdd) (max_over_time("
-                    f"qv_smart_device_temperature[{span}]))", at)
-    check(hottest == {d["fqdd"]: d["figures"]["temp_c"]["max"]
-                      for d in history["drives"]},
-          f"highest temperatures {hottest}")
+    hottest = query(
+        port,
+        "max by (fqdd) (max_over_time(" f"qv_smart_device_temperature[{span}]))",
+        at,
+    )
+    check(
+        hottest
+        == {d["fqdd"]: d["figures"]["temp_c"]["max"] for d in history["drives"]},
+        f"highest temperatures {hottest}",
+    )
     codes = {"PASSED": 0, "WARNING": 1, "FAILED": 2}
     notPassed = query(port, "qv_smart_device_verdict > 0", at)
-    check(notPassed == {d["fqdd"]: codes[d["verdict"]] for d in present
-                        if d["verdict"] != "PASSED"},
-          f"drives not PASSED {notPassed}")
-    pending = query(port, 'qv_smart_device_attribute{attribute_name='
-                    '"Current_Pending_Sector"}', at)
-    check(pending == {d["fqdd"]: d["figures"]["pending"]["last"]
-                      for d in present if "pending" in d["figures"]},
-          f"pending sectors {pending}")
+    check(
+        notPassed
+        == {
+            d["fqdd"]: codes[d["verdict"]] for d in present if d["verdict"] != "PASSED"
+        },
+        f"drives not PASSED {notPassed}",
+    )
+    pending = query(
+        port,
+        "qv_smart_device_attribute{attribute_name=" '"Current_Pending_Sector"}',
+        at,
+    )
+    check(
+        pending
+        == {
+            d["fqdd"]: d["figures"]["pending"]["last"]
+            for d in present
+            if "pending" in d["figures"]
+        },
+        f"pending sectors {pending}",
+    )
 finally:
     server.terminate()
     server.wait(timeout=30)

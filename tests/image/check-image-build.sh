@@ -49,7 +49,7 @@ options=(
     "-Dpkg_config_path=$sdk/pkgconfig"
     # The controller's kernel uses 4 KiB pages; the toolchain's default
     # 64 KiB segment alignment would pad the file by up to 64 KiB of zeros.
-    -Dcpp_link_args=-Wl,-z,max-page-size=4096
+    "-Dcpp_link_args=-Wl,-z,max-page-size=4096"
 )
 # Always from scratch: a reconfigure does not apply changed link options.
 rm -rf "$build"

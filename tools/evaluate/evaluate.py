@@ -24,8 +24,7 @@ import scenario as sc
 BAYS = 24
 FIVE = (5, 187, 188, 197, 198)
 # The thresholds were chosen on these two files; the others are held out.
-TRAINING = ("bb2019_ST8000DM002_lastday.csv",
-            "bb2019_ST8000NM0055_lastday.csv")
+TRAINING = ("bb2019_ST8000DM002_lastday.csv", "bb2019_ST8000NM0055_lastday.csv")
 # The Toshiba file keeps the last ten days of each drive, whatever their
 # dates: its drives are laid over the same ten days, their last row on the
 # last of them.
@@ -53,9 +52,15 @@ def rule_flags(rows, columns):
     before = {}
     for row in rows:
         now = {n: raw(row, n) for n in present}
-        flags.append((any((v or 0) > 0 for v in now.values()),
-                      any(v is not None and before.get(n) is not None and
-                          v > before[n] for n, v in now.items())))
+        flags.append(
+            (
+                any((v or 0) > 0 for v in now.values()),
+                any(
+                    v is not None and before.get(n) is not None and v > before[n]
+                    for n, v in now.items()
+                ),
+            )
+        )
         before = now
     return flags
 
@@ -66,8 +71,11 @@ def load_backblaze(path):
     last_date = ""
     with open(path, newline="") as fh:
         reader = csv.DictReader(fh)
-        columns = {int(name.split("_")[1]) for name in reader.fieldnames
-                   if name.startswith("smart_") and name.endswith("_raw")}
+        columns = {
+            int(name.split("_")[1])
+            for name in reader.fieldnames
+            if name.startswith("smart_") and name.endswith("_raw")
+        }
         for row in reader:
             by_serial.setdefault(row["serial_number"], []).append(row)
             last_date = max(last_date, row["date"])
@@ -78,8 +86,15 @@ def load_backblaze(path):
         if not failed and rows[-1]["date"] != last_date:
             continue  # left service without failing
         flags = rule_flags(rows, columns)
-        drives.append({"serial": serial, "model": rows[-1]["model"],
-                       "rows": rows, "failed": failed, "flags": flags})
+        drives.append(
+            {
+                "serial": serial,
+                "model": rows[-1]["model"],
+                "rows": rows,
+                "failed": failed,
+                "flags": flags,
+            }
+        )
     # A repeatable mix of failed and healthy drives in each server.
     drives.sort(key=lambda d: hashlib.sha1(d["serial"].encode()).hexdigest())
     return drives, columns, last_date
@@ -94,8 +109,7 @@ def daily_rows(name, drive, last_date):
     rows = drive["rows"]
     if name == ALIGNED:
         first = ALIGNED_LAST - datetime.timedelta(days=len(rows) - 1)
-        return [(first + datetime.timedelta(days=i), row)
-                for i, row in enumerate(rows)]
+        return [(first + datetime.timedelta(days=i), row) for i, row in enumerate(rows)]
     if "lastday" in name:
         # One run per server: the drive's last row, on the file's last day.
         return [(datetime.date.fromisoformat(last_date), rows[-1])]
@@ -108,16 +122,26 @@ class Bus:
     def __init__(self, scratch):
         conf = os.path.join(scratch, "bus.conf")
         with open(conf, "w") as fh:
-            fh.write(f"<busconfig><type>system</type>"
-                     f"<listen>unix:abstract={scratch}/bus</listen>"
-                     "<auth>EXTERNAL</auth><policy context=\"default\">"
-                     "<allow user=\"*\"/><allow own=\"*\"/>"
-                     "<allow send_destination=\"*\" eavesdrop=\"true\"/>"
-                     "<allow receive_sender=\"*\"/></policy></busconfig>")
+            fh.write(
+                f"<busconfig><type>system</type>"
+                f"<listen>unix:abstract={scratch}/bus</listen>"
+                '<auth>EXTERNAL</auth><policy context="default">'
+                '<allow user="*"/><allow own="*"/>'
+                '<allow send_destination="*" eavesdrop="true"/>'
+                '<allow receive_sender="*"/></policy></busconfig>'
+            )
         self.process = subprocess.Popen(
-            ["dbus-daemon", "--config-file=" + conf, "--nofork",
-             "--nopidfile", "--print-address"], stdout=subprocess.PIPE,
-            stderr=subprocess.DEVNULL, text=True)
+            [
+                "dbus-daemon",
+                "--config-file=" + conf,
+                "--nofork",
+                "--nopidfile",
+                "--print-address",
+            ],
+            stdout=subprocess.PIPE,
+            stderr=subprocess.DEVNULL,
+            text=True,
+        )
         self.address = self.process.stdout.readline().strip()
 
     def stop(self):
@@ -132,8 +156,11 @@ class Collector:
         self.build = build
         self.scratch = tempfile.mkdtemp(dir=work)
         self.bus = Bus(self.scratch)
-        self.env = dict(os.environ, DBUS_SYSTEM_BUS_ADDRESS=self.bus.address,
-                        DBUS_STARTER_BUS_TYPE="system")
+        self.env = dict(
+            os.environ,
+            DBUS_SYSTEM_BUS_ADDRESS=self.bus.address,
+            DBUS_STARTER_BUS_TYPE="system",
+        )
 
     def run(self, scenario, dest, day):
         """One daily run; its files land in dest, dated day. Exit code."""
@@ -143,26 +170,61 @@ class Collector:
             json.dump(scenario, fh)
         os.makedirs(os.path.join(run, "mmc2"))
         sim = subprocess.Popen(
-            [os.path.join(self.build, "tools/storage-sim/storage-sim"),
-             "--scenario", path], stdout=subprocess.PIPE, text=True,
-            env=self.env)
+            [
+                os.path.join(self.build, "tools/storage-sim/storage-sim"),
+                "--scenario",
+                path,
+            ],
+            stdout=subprocess.PIPE,
+            text=True,
+            env=self.env,
+        )
         try:
             if sim.stdout.readline().strip() != "ready":
                 raise RuntimeError(f"storage-sim refused {path}")
-            env = dict(self.env, PLATFORM_SMART_TABLES=path,
-                       DLOG_FILE=os.path.join(run, "dlog.log"))
+            env = dict(
+                self.env,
+                PLATFORM_SMART_TABLES=path,
+                DLOG_FILE=os.path.join(run, "dlog.log"),
+            )
             rc = subprocess.run(
-                ["bwrap", "--ro-bind", "/usr", "/usr",
-                 "--symlink", "usr/lib", "/lib",
-                 "--symlink", "usr/lib64", "/lib64",
-                 "--symlink", "usr/bin", "/bin", "--ro-bind", "/etc", "/etc",
-                 "--dev", "/dev", "--proc", "/proc", "--bind", run, run,
-                 "--bind", os.path.join(run, "mmc2"), "/mmc2",
-                 "--ro-bind", self.build, self.build,
-                 os.path.join(self.build,
-                              "qvcollectors/qv-smart-collector"), "1"],
-                env=env, stdout=subprocess.DEVNULL,
-                stderr=subprocess.DEVNULL).returncode
+                [
+                    "bwrap",
+                    "--ro-bind",
+                    "/usr",
+                    "/usr",
+                    "--symlink",
+                    "usr/lib",
+                    "/lib",
+                    "--symlink",
+                    "usr/lib64",
+                    "/lib64",
+                    "--symlink",
+                    "usr/bin",
+                    "/bin",
+                    "--ro-bind",
+                    "/etc",
+                    "/etc",
+                    "--dev",
+                    "/dev",
+                    "--proc",
+                    "/proc",
+                    "--bind",
+                    run,
+                    run,
+                    "--bind",
+                    os.path.join(run, "mmc2"),
+                    "/mmc2",
+                    "--ro-bind",
+                    self.build,
+                    self.build,
+                    os.path.join(self.build, "qvcollectors/qv-smart-collector"),
+                    "1",
+                ],
+                env=env,
+                stdout=subprocess.DEVNULL,
+                stderr=subprocess.DEVNULL,
+            ).returncode
         finally:
             sim.terminate()
             sim.wait()
@@ -170,8 +232,10 @@ class Collector:
         os.makedirs(dest, exist_ok=True)
         stamp = day.strftime("%Y%m%d")
         for name in sorted(os.listdir(written)):
-            shutil.move(os.path.join(written, name),
-                        os.path.join(dest, name[:2] + stamp + ".json"))
+            shutil.move(
+                os.path.join(written, name),
+                os.path.join(dest, name[:2] + stamp + ".json"),
+            )
         shutil.rmtree(run)
         return rc
 
@@ -193,6 +257,7 @@ def run_all(build, work, jobs, tasks):
             return c.run(*task)
         finally:
             pool.put(c)
+
     try:
         with ThreadPoolExecutor(jobs) as ex:
             return list(ex.map(one, tasks))
@@ -203,8 +268,10 @@ def run_all(build, work, jobs, tasks):
 
 def reader(build, *args):
     return subprocess.run(
-        [os.path.join(build, "tools/qv-smart-report/qv-smart-report"),
-         *args], capture_output=True, text=True)
+        [os.path.join(build, "tools/qv-smart-report/qv-smart-report"), *args],
+        capture_output=True,
+        text=True,
+    )
 
 
 # ---------------------------------------------------------------------------
@@ -219,7 +286,7 @@ def backblaze_tasks(name, drives, columns, last_date, work):
         dest = os.path.join(work, name[:-4], f"server{number + 1}")
         bays = {}
         days = {}
-        for bay, drive in enumerate(drives[start:start + BAYS]):
+        for bay, drive in enumerate(drives[start : start + BAYS]):
             fqdd = sc.fqdd_of(bay, number + 1)
             bays[fqdd] = drive
             drive["days"] = daily_rows(name, drive, last_date)
@@ -228,8 +295,9 @@ def backblaze_tasks(name, drives, columns, last_date, work):
         for day in sorted(days):
             scenario = sc.empty_scenario()
             for fqdd, drive, row in days[day]:
-                sc.add_sata_hdd(scenario, fqdd, drive["model"],
-                                sc.backblaze_values(row, columns))
+                sc.add_sata_hdd(
+                    scenario, fqdd, drive["model"], sc.backblaze_values(row, columns)
+                )
             tasks.append((scenario, dest, day))
         servers[dest] = bays
     return servers, tasks
@@ -252,16 +320,20 @@ def day_verdicts(text):
 def marks_of(drive, verdict_of):
     """The drive's Mark of each day it was read, verdict_of(day) its
     reader's verdict."""
-    flags = drive["flags"][-len(drive["days"]):]
-    return [Mark(day, verdict_of(day), five, grew)
-            for (day, _), (five, grew) in zip(drive["days"], flags)]
+    flags = drive["flags"][-len(drive["days"]) :]
+    return [
+        Mark(day, verdict_of(day), five, grew)
+        for (day, _), (five, grew) in zip(drive["days"], flags)
+    ]
 
 
 def read_server(build, dest, bays, multi_day, problems):
     result = reader(build, "history", "--format", "json", dest)
     if result.returncode & 3:
-        problems.append(f"{dest}: history exit {result.returncode}: "
-                        f"{result.stderr.strip()[:200]}")
+        problems.append(
+            f"{dest}: history exit {result.returncode}: "
+            f"{result.stderr.strip()[:200]}"
+        )
     history = json.loads(result.stdout)
     export = reader(build, "export", "--format", "textfile", dest)
     if export.returncode & 3 or "qv_smart_device_verdict" not in export.stdout:
@@ -284,8 +356,10 @@ def read_server(build, dest, bays, multi_day, problems):
         drive["last_day"] = entry["last_day"]
         expected = drive["days"][-1][0].isoformat()
         if entry["last_day"] != expected:
-            problems.append(f"{drive['serial']}: last day {entry['last_day']}"
-                            f", its last row {expected}")
+            problems.append(
+                f"{drive['serial']}: last day {entry['last_day']}"
+                f", its last row {expected}"
+            )
         since = [r["since"] for r in entry.get("reasons", []) if r["since"]]
         drive["since"] = min(since) if since else None
         if not multi_day:
@@ -294,12 +368,16 @@ def read_server(build, dest, bays, multi_day, problems):
         drive["marks"] = marks_of(drive, lambda day: daily.get((fqdd, day)))
         missing = [m.day for m in drive["marks"] if m.verdict is None]
         if missing:
-            problems.append(f"{drive['serial']}: no exported verdict on "
-                            f"{len(missing)} days, first {missing[0]}")
+            problems.append(
+                f"{drive['serial']}: no exported verdict on "
+                f"{len(missing)} days, first {missing[0]}"
+            )
         elif drive["marks"][-1].verdict != entry["verdict"]:
-            problems.append(f"{drive['serial']}: exported verdict "
-                            f"{drive['marks'][-1].verdict} on the last day, "
-                            f"history {entry['verdict']}")
+            problems.append(
+                f"{drive['serial']}: exported verdict "
+                f"{drive['marks'][-1].verdict} on the last day, "
+                f"history {entry['verdict']}"
+            )
     for fqdd in set(bays) - seen:
         problems.append(f"{dest}: {bays[fqdd]['serial']} not in the history")
         bays[fqdd]["marks"] = marks_of(bays[fqdd], lambda day: None)
@@ -327,8 +405,12 @@ def growth_rule(mark):
 
 # The reader counts twice (WARNING or worse, FAILED); the other rules have
 # one flag. Key suffix -> what flags a day.
-RULES = (("warn", warned), ("fail", failing), ("five", five_rule),
-         ("grow", growth_rule))
+RULES = (
+    ("warn", warned),
+    ("fail", failing),
+    ("five", five_rule),
+    ("grow", growth_rule),
+)
 
 
 def lead_days(marks, rule):
@@ -356,11 +438,19 @@ def tally(drives, multi_day):
     week before their last day; n_ the totals they are shares of."""
     failed = [d for d in drives if d["failed"]]
     healthy = [d for d in drives if not d["failed"]]
-    t = {"n_failed": len(failed), "n_healthy": len(healthy),
-         "n_grow_failed": len(failed) if multi_day else 0,
-         "n_grow_healthy": len(healthy) if multi_day else 0,
-         "n_days": 0, "n_week": 0, "wk_out": 0,
-         "leads": [], "leads_run": [], "leads_five": [], "leads_grow": []}
+    t = {
+        "n_failed": len(failed),
+        "n_healthy": len(healthy),
+        "n_grow_failed": len(failed) if multi_day else 0,
+        "n_grow_healthy": len(healthy) if multi_day else 0,
+        "n_days": 0,
+        "n_week": 0,
+        "wk_out": 0,
+        "leads": [],
+        "leads_run": [],
+        "leads_five": [],
+        "leads_grow": [],
+    }
     for key, rule in RULES:
         t["f_" + key] = sum(rule(d["marks"][-1]) for d in failed)
         t["h_" + key] = sum(rule(d["marks"][-1]) for d in healthy)
@@ -368,14 +458,20 @@ def tally(drives, multi_day):
         t["wk_" + key] = 0
     if not multi_day:
         return t
-    t["leads"] = [(datetime.date.fromisoformat(d["last_day"]) -
-                   datetime.date.fromisoformat(d["since"])).days
-                  for d in failed if d.get("since") and
-                  warned(d["marks"][-1])]
-    for name, rule in (("run", warned), ("five", five_rule),
-                       ("grow", growth_rule)):
-        t["leads_" + name] = [lead for lead in (
-            lead_days(d["marks"], rule) for d in failed) if lead is not None]
+    t["leads"] = [
+        (
+            datetime.date.fromisoformat(d["last_day"])
+            - datetime.date.fromisoformat(d["since"])
+        ).days
+        for d in failed
+        if d.get("since") and warned(d["marks"][-1])
+    ]
+    for name, rule in (("run", warned), ("five", five_rule), ("grow", growth_rule)):
+        t["leads_" + name] = [
+            lead
+            for lead in (lead_days(d["marks"], rule) for d in failed)
+            if lead is not None
+        ]
     for d in healthy:
         t["n_days"] += len(d["marks"])
         for key, rule in RULES:
@@ -406,9 +502,11 @@ def median(leads):
 def table_rows(results):
     """The five tables: (title, rows), the rows without data left out of
     the multi-day ones."""
+
     def shares(t, group, total, grow_total=None):
-        return [share(t[f"{group}_{key}"], t[total]) for key, _ in RULES[:3]
-                ] + [share(t[f"{group}_grow"], t[grow_total or total])]
+        return [share(t[f"{group}_{key}"], t[total]) for key, _ in RULES[:3]] + [
+            share(t[f"{group}_grow"], t[grow_total or total])
+        ]
 
     def block(title, head, cells, needs=None):
         rows = [("FILE", "SET") + head]
@@ -416,26 +514,44 @@ def table_rows(results):
             if needs is None or t[needs]:
                 rows.append((name.removesuffix(".csv"), kind, *cells(t)))
         return title, rows
+
     rules = ("READER WARN+", "READER FAILED", "5-ATTR", "GROWTH")
     return [
-        block("Failed drives flagged on their last day", rules,
-              lambda t: shares(t, "f", "n_failed", "n_grow_failed")),
-        block("Healthy drives flagged on their last day", rules,
-              lambda t: shares(t, "h", "n_healthy", "n_grow_healthy")),
-        block("Healthy drive-days flagged (multi-day files)",
-              ("READER WARNING", "READER FAILED", "5-ATTR", "GROWTH"),
-              lambda t: [share(t["hd_warn"] - t["hd_fail"], t["n_days"])] +
-              shares(t, "hd", "n_days")[1:], "n_days"),
-        block("Failed drives flagged 7 days before their last day "
-              "(multi-day files)", rules + ("LEFT OUT",),
-              lambda t: shares(t, "wk", "n_week") + [str(t["wk_out"])],
-              "n_week"),
-        block("Median lead days of failed drives flagged on their last "
-              "day (multi-day files)",
-              ("READER SINCE", "READER RUN", "5-ATTR RUN", "GROWTH RUN"),
-              lambda t: [median(t["leads"]), median(t["leads_run"]),
-                         median(t["leads_five"]), median(t["leads_grow"])],
-              "n_grow_failed"),
+        block(
+            "Failed drives flagged on their last day",
+            rules,
+            lambda t: shares(t, "f", "n_failed", "n_grow_failed"),
+        ),
+        block(
+            "Healthy drives flagged on their last day",
+            rules,
+            lambda t: shares(t, "h", "n_healthy", "n_grow_healthy"),
+        ),
+        block(
+            "Healthy drive-days flagged (multi-day files)",
+            ("READER WARNING", "READER FAILED", "5-ATTR", "GROWTH"),
+            lambda t: [share(t["hd_warn"] - t["hd_fail"], t["n_days"])]
+            + shares(t, "hd", "n_days")[1:],
+            "n_days",
+        ),
+        block(
+            "Failed drives flagged 7 days before their last day " "(multi-day files)",
+            rules + ("LEFT OUT",),
+            lambda t: shares(t, "wk", "n_week") + [str(t["wk_out"])],
+            "n_week",
+        ),
+        block(
+            "Median lead days of failed drives flagged on their last "
+            "day (multi-day files)",
+            ("READER SINCE", "READER RUN", "5-ATTR RUN", "GROWTH RUN"),
+            lambda t: [
+                median(t["leads"]),
+                median(t["leads_run"]),
+                median(t["leads_five"]),
+                median(t["leads_grow"]),
+            ],
+            "n_grow_failed",
+        ),
     ]
 
 
@@ -444,17 +560,26 @@ def print_table(rows, left=None):
     widths = [max(len(r[i]) for r in rows) for i in range(len(rows[0]))]
     left = len(widths) if left is None else left
     for r in rows:
-        print("  ".join(c.ljust(w) if i < left else c.rjust(w)
-                        for i, (c, w) in enumerate(zip(r, widths))).rstrip())
+        print(
+            "  ".join(
+                c.ljust(w) if i < left else c.rjust(w)
+                for i, (c, w) in enumerate(zip(r, widths))
+            ).rstrip()
+        )
 
 
 # ---------------------------------------------------------------------------
 # smartctl
 
 
-WARNING_BITS = ("spare-below-threshold", "temperature",
-                "reliability-degraded", "read-only",
-                "volatile-backup-failed", "pmr-read-only")
+WARNING_BITS = (
+    "spare-below-threshold",
+    "temperature",
+    "reliability-degraded",
+    "read-only",
+    "volatile-backup-failed",
+    "pmr-read-only",
+)
 
 
 def warning_bits(text):
@@ -462,8 +587,9 @@ def warning_bits(text):
         return 0 if text == "none" else None
     value = 0
     for name in text.split(";"):
-        value |= 1 << (WARNING_BITS.index(name) if name in WARNING_BITS
-                       else int(name[3:]))
+        value |= 1 << (
+            WARNING_BITS.index(name) if name in WARNING_BITS else int(name[3:])
+        )
     return value
 
 
@@ -472,29 +598,36 @@ def smartctl_drives(data, build, work, jobs, problems):
     drives = []
     for number, start in enumerate(range(0, len(files), BAYS)):
         scenario = sc.empty_scenario()
-        for bay, path in enumerate(files[start:start + BAYS]):
+        for bay, path in enumerate(files[start : start + BAYS]):
             with open(path) as fh:
                 doc = json.load(fh)
             fqdd = sc.fqdd_of(bay, 100 + number)
-            cls, expected, notes = sc.smartctl_drive(
-                doc, fqdd, start + bay, scenario)
-            drives.append({"file": os.path.relpath(path, os.path.join(
-                               data, "smartctl_json")), "fqdd": fqdd,
-                           "class": cls, "expected": expected,
-                           "notes": notes, "passed": doc.get(
-                               "smart_status", {}).get("passed"),
-                           "dest": os.path.join(work, "smartctl",
-                                                f"server{number + 1}")})
+            cls, expected, notes = sc.smartctl_drive(doc, fqdd, start + bay, scenario)
+            drives.append(
+                {
+                    "file": os.path.relpath(path, os.path.join(data, "smartctl_json")),
+                    "fqdd": fqdd,
+                    "class": cls,
+                    "expected": expected,
+                    "notes": notes,
+                    "passed": doc.get("smart_status", {}).get("passed"),
+                    "dest": os.path.join(work, "smartctl", f"server{number + 1}"),
+                }
+            )
         drives[-1]["scenario"] = scenario
-    tasks = [(d["scenario"], d["dest"], datetime.date(2026, 1, 1))
-             for d in drives if "scenario" in d]
+    tasks = [
+        (d["scenario"], d["dest"], datetime.date(2026, 1, 1))
+        for d in drives
+        if "scenario" in d
+    ]
     for rc in run_all(build, work, jobs, tasks):
         if rc != 0:
             problems.append(f"smartctl server: collector exit {rc}")
     rows = {}
     for dest in sorted({d["dest"] for d in drives}):
-        result = reader(build, "--format", "csv",
-                        *sorted(glob.glob(os.path.join(dest, "*.json"))))
+        result = reader(
+            build, "--format", "csv", *sorted(glob.glob(os.path.join(dest, "*.json")))
+        )
         if result.returncode & 3:
             problems.append(f"{dest}: reader exit {result.returncode}")
         for row in csv.DictReader(result.stdout.splitlines()):
@@ -519,16 +652,25 @@ def compare_smartctl(drives, rows):
             if value is None:
                 continue
             got = row[figure]
-            got = warning_bits(got) if figure == "critical_warning" else \
-                (int(got) if got else None)
+            got = (
+                warning_bits(got)
+                if figure == "critical_warning"
+                else (int(got) if got else None)
+            )
             if got != value:
                 wrong.append(f"{figure} {value} -> {got}")
         if d["passed"] is False and row["verdict"] != "FAILED":
             wrong.append(f"smartctl FAILED, reader {row['verdict']}")
         status = "MISMATCH" if wrong else "ok"
         notes = "; ".join(wrong + d["notes"])
-        lines.append((d["file"], d["class"], f"{status} {row['verdict']}",
-                      notes if len(notes) <= 160 else notes[:157] + "..."))
+        lines.append(
+            (
+                d["file"],
+                d["class"],
+                f"{status} {row['verdict']}",
+                notes if len(notes) <= 160 else notes[:157] + "...",
+            )
+        )
     return lines
 
 
@@ -536,8 +678,9 @@ def main():
     here = os.path.dirname(os.path.abspath(__file__))
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--build", required=True)
-    parser.add_argument("--data", default=os.path.join(
-        here, "../../../shared/realdata"))
+    parser.add_argument(
+        "--data", default=os.path.join(here, "../../../shared/realdata")
+    )
     parser.add_argument("--jobs", type=int, default=os.cpu_count() or 1)
     parser.add_argument("--keep", help="keep the servers' daily files here")
     args = parser.parse_args()
@@ -556,48 +699,66 @@ def main():
         for path in files:
             name = os.path.basename(path)
             drives, columns, last_date = load_backblaze(path)
-            made, more = backblaze_tasks(name, drives, columns, last_date,
-                                         work)
-            servers.update({dest: (bays, multi_day(name))
-                            for dest, bays in made.items()})
+            made, more = backblaze_tasks(name, drives, columns, last_date, work)
+            servers.update(
+                {dest: (bays, multi_day(name)) for dest, bays in made.items()}
+            )
             tasks += more
             loaded.append((name, drives))
         for rc in run_all(build, work, args.jobs, tasks):
             if rc != 0:
                 problems.append(f"collector exit {rc}")
         with ThreadPoolExecutor(args.jobs) as ex:
-            list(ex.map(lambda s: read_server(build, s, *servers[s],
-                                              problems),
-                        sorted(servers)))
+            list(
+                ex.map(
+                    lambda s: read_server(build, s, *servers[s], problems),
+                    sorted(servers),
+                )
+            )
         results = []
         for name, drives in loaded:
             kind = "training" if name in TRAINING else "held-out"
             results.append((name, kind, tally(drives, multi_day(name))))
         for kind in ("training", "held-out"):
-            results.append((f"pooled {kind}", kind, add_tallies(
-                [t for _, k, t in results if k == kind])))
-        results.append(("pooled all", "all", add_tallies(
-            [t for n, _, t in results if not n.startswith("pooled")])))
-        print(f"Backblaze drives through the collector and "
-              f"`qv-smart-report history` / `export` ({len(tasks)} collector "
-              f"runs), three rules:\nthe reader's verdict, any of raw "
-              f"5/187/188/197/198 > 0 (5-ATTR), any of them rose since the "
-              f"drive's row before (GROWTH)")
+            results.append(
+                (
+                    f"pooled {kind}",
+                    kind,
+                    add_tallies([t for _, k, t in results if k == kind]),
+                )
+            )
+        results.append(
+            (
+                "pooled all",
+                "all",
+                add_tallies([t for n, _, t in results if not n.startswith("pooled")]),
+            )
+        )
+        print(
+            f"Backblaze drives through the collector and "
+            f"`qv-smart-report history` / `export` ({len(tasks)} collector "
+            f"runs), three rules:\nthe reader's verdict, any of raw "
+            f"5/187/188/197/198 > 0 (5-ATTR), any of them rose since the "
+            f"drive's row before (GROWTH)"
+        )
         for title, rows in table_rows(results):
             print(f"\n{title}")
             print_table(rows, left=2)
         print()
         drives, rows = smartctl_drives(data, build, work, args.jobs, problems)
         lines = compare_smartctl(drives, rows)
-        print("smartctl JSON drives through the collector and "
-              "`qv-smart-report --format csv`: figures against smartctl's")
+        print(
+            "smartctl JSON drives through the collector and "
+            "`qv-smart-report --format csv`: figures against smartctl's"
+        )
         print_table([("FILE", "CLASS", "RESULT", "NOTES")] + lines)
-        bad = [line for line in lines if line[2].startswith(("MISMATCH",
-                                                              "MISSING"))]
+        bad = [line for line in lines if line[2].startswith(("MISMATCH", "MISSING"))]
         out = [line for line in lines if line[2] == "left out"]
-        print(f"\nsmartctl: {len(lines) - len(out)} files compared, "
-              f"{len(bad)} disagree, {len(out)} left out; "
-              f"{len(problems)} pipeline problems")
+        print(
+            f"\nsmartctl: {len(lines) - len(out)} files compared, "
+            f"{len(bad)} disagree, {len(out)} left out; "
+            f"{len(problems)} pipeline problems"
+        )
         for problem in problems[:20]:
             print("problem:", problem)
         return 1 if problems or bad else 0
