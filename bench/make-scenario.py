@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Writes a simulated server of N drives for the benchmarks.
 
-    make-scenario.py TEMPLATE N OUTDIR
+    make-scenario.py TEMPLATE N OUTDIR [RAW_OCTETS]
 
 TEMPLATE is a scenario such as tools/storage-sim/scenarios/demo.json. Its drives are
 sorted into five classes (SAS SSD, SATA SSD, SAS HDD, SATA HDD, NVMe) and
@@ -11,6 +11,9 @@ Two files come out:
 
     OUTDIR/scenario-N.json   what the storage simulator serves
     OUTDIR/tables-N.json     the SMART tables the collector reads
+
+With RAW_OCTETS the first solid-state drive's raw-data reply is that many
+octets long: the largest reply a run must carry.
 """
 
 import copy
@@ -90,14 +93,28 @@ def build(template, count):
     return scenario, tables
 
 
+def withRawData(scenario, octets):
+    first = next(
+        fqdd for fqdd, drive in scenario["drives"].items() if "rawData" in drive
+    )
+    scenario["drives"][first] = dict(
+        scenario["drives"][first], rawData={"dataLength": octets}
+    )
+    return scenario
+
+
 def main():
-    if len(sys.argv) != 4 or not sys.argv[2].isdigit():
+    if len(sys.argv) not in (4, 5) or not all(a.isdigit() for a in sys.argv[4:]):
+        raise SystemExit(__doc__)
+    if not sys.argv[2].isdigit():
         raise SystemExit(__doc__)
     template = json.loads(Path(sys.argv[1]).read_text())
     count = int(sys.argv[2])
     outDir = Path(sys.argv[3])
     outDir.mkdir(parents=True, exist_ok=True)
     scenario, tables = build(template, count)
+    if len(sys.argv) == 5:
+        scenario = withRawData(scenario, int(sys.argv[4]))
     (outDir / f"scenario-{count}.json").write_text(json.dumps(scenario))
     (outDir / f"tables-{count}.json").write_text(json.dumps(tables))
 

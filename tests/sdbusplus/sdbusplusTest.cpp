@@ -429,7 +429,7 @@ TEST_F(SdbusplusTest, DroppingOneDefaultHandleLeavesTheSharedConnectionOpen)
 // own, so no default connection of another test is handed back.
 TEST_F(SdbusplusTest, NoBusThrowsWhereTheHandleIsMade)
 {
-    const std::string address = getenv("DBUS_SYSTEM_BUS_ADDRESS");
+    const auto address = daemon->address();
     setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/bus", 1);
     const std::vector<std::pair<std::function<void()>, std::string>> table = {
         {[] { sdbusplus::bus::new_default(); },
@@ -439,13 +439,13 @@ TEST_F(SdbusplusTest, NoBusThrowsWhereTheHandleIsMade)
         {[] { sdbusplus::bus::new_system(); },
          "sdbusplus::bus::bus sdbusplus::bus::new_system()"},
     };
-    for (const auto& [make, context] : table)
+    for (const auto& row : table)
     {
-        std::thread([&] {
-            auto error = failureOf(make);
+        std::thread([&row] {
+            auto error = failureOf(row.first);
             EXPECT_EQ(error.what(),
-                      context + ": org.freedesktop.DBus.Error.FileNotFound: "
-                                "No such file or directory");
+                      row.second + ": org.freedesktop.DBus.Error.FileNotFound: "
+                                   "No such file or directory");
         }).join();
     }
     setenv("DBUS_SYSTEM_BUS_ADDRESS", address.c_str(), 1);

@@ -4,27 +4,15 @@ objects by Introspect from "/", so every drive object of the scenario must
 be reachable that way on the storage service's name, the mapper's name must
 show only the mapper, and an unknown path must be an unknown object.
 
-mapperWalkTest.py STORAGE_SIM SCENARIO WORK"""
+Run by qv-test-server, which serves SCENARIO on the bus it names in
+DBUS_SYSTEM_BUS_ADDRESS: mapperWalkTest.py SCENARIO"""
 import json
 import os
-import shutil
 import subprocess
 import sys
-import time
 
-simulator, scenario, work = sys.argv[1:4]
-shutil.rmtree(work, ignore_errors=True)
-os.makedirs(work)
-address = f"unix:abstract={work}/bus"
-with open(f"{work}/bus.conf", "w") as conf:
-    conf.write(
-        f"<busconfig><type>system</type><listen>{address}</listen>"
-        '<auth>EXTERNAL</auth><policy context="default">'
-        '<allow user="*"/><allow own="*"/>'
-        '<allow send_destination="*"/><allow receive_sender="*"/>'
-        "</policy></busconfig>"
-    )
-env = dict(os.environ, DBUS_SYSTEM_BUS_ADDRESS=address)
+scenario = sys.argv[1]
+address = os.environ["DBUS_SYSTEM_BUS_ADDRESS"]
 
 
 def check(condition, what):
@@ -60,31 +48,7 @@ def walk(service, path, found):
     return found
 
 
-bus = subprocess.Popen(
-    [
-        "timeout",
-        "60",
-        "dbus-daemon",
-        f"--config-file={work}/bus.conf",
-        "--nofork",
-        "--nopidfile",
-    ],
-    stderr=subprocess.DEVNULL,
-)
-sim = None
-try:
-    for _ in range(100):
-        if busctl("list").returncode == 0:
-            break
-        time.sleep(0.05)
-    sim = subprocess.Popen(
-        ["timeout", "60", simulator, "--scenario", scenario],
-        env=env,
-        stdout=subprocess.PIPE,
-        text=True,
-    )
-    check(sim.stdout.readline().strip() == "ready", "simulator not ready")
-
+def main():
     objects = [o["path"] for o in json.load(open(scenario))["objects"]]
     storage = walk("com.kest.omrix.storage", "/", [])
     check(
@@ -118,8 +82,6 @@ try:
         f"/nothing: {unknown.stderr}",
     )
     print(f"mapperWalkTest: {len(storage)} nodes, every drive object found")
-finally:
-    for process in (sim, bus):
-        if process is not None:
-            process.terminate()
-            process.wait()
+
+
+main()

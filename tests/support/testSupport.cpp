@@ -497,6 +497,11 @@ void Sandbox::readOnly(const std::string& inside)
     readOnlyDirs.push_back(inside);
 }
 
+void Sandbox::show(const std::string& hostDir)
+{
+    shownDirs.push_back(hostDir);
+}
+
 namespace
 {
 
@@ -571,6 +576,10 @@ std::vector<std::string> Sandbox::confine(const std::vector<std::string>& argv,
     for (const auto& dir : readOnlyDirs)
     {
         command.insert(command.end(), {"--ro-bind", hostPath(dir), dir});
+    }
+    for (const auto& dir : shownDirs)
+    {
+        command.insert(command.end(), {"--ro-bind", dir, dir});
     }
     if (!programDir.empty())
     {

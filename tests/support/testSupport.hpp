@@ -191,6 +191,8 @@ class Sandbox
     }
     // The collector sees `inside` read-only.
     void readOnly(const std::string& inside);
+    // A directory of the host shown read-only at its own path.
+    void show(const std::string& hostDir);
     // flock(2) fails with ENOLCK inside the sandbox, as on a file system
     // without locks (a seccomp filter that bubblewrap loads).
     void refuseLocks();
@@ -214,6 +216,7 @@ class Sandbox
   private:
     TempDir scratch;
     std::vector<std::string> readOnlyDirs;
+    std::vector<std::string> shownDirs;
     std::vector<std::string> mounts;
     std::string seccompFilter;
 };

@@ -11,7 +11,6 @@ import glob
 import hashlib
 import json
 import os
-import queue
 import shutil
 import statistics
 import subprocess
@@ -116,154 +115,45 @@ def daily_rows(name, drive, last_date):
     return [(datetime.date.fromisoformat(r["date"]), r) for r in rows]
 
 
-class Bus:
-    """A private dbus-daemon on an abstract socket, reachable in bwrap."""
-
-    def __init__(self, scratch):
-        conf = os.path.join(scratch, "bus.conf")
-        with open(conf, "w") as fh:
-            fh.write(
-                f"<busconfig><type>system</type>"
-                f"<listen>unix:abstract={scratch}/bus</listen>"
-                '<auth>EXTERNAL</auth><policy context="default">'
-                '<allow user="*"/><allow own="*"/>'
-                '<allow send_destination="*" eavesdrop="true"/>'
-                '<allow receive_sender="*"/></policy></busconfig>'
-            )
-        self.process = subprocess.Popen(
-            [
-                "dbus-daemon",
-                "--config-file=" + conf,
-                "--nofork",
-                "--nopidfile",
-                "--print-address",
-            ],
-            stdout=subprocess.PIPE,
-            stderr=subprocess.DEVNULL,
-            text=True,
+def collect(build, work, scenario, dest, day):
+    """One daily run of the shipped collector on a test server of its own
+    (tests' qv-test-server: a private bus, the simulator, the sandbox); its
+    files land in dest, dated day. Exit code."""
+    run = tempfile.mkdtemp(dir=work)
+    path = os.path.join(run, "scenario.json")
+    with open(path, "w") as fh:
+        json.dump(scenario, fh)
+    kept = os.path.join(run, "kept")
+    rc = subprocess.run(
+        [
+            os.path.join(build, "tests/qv-test-server"),
+            "--scenario",
+            path,
+            "--keep",
+            kept,
+            "--",
+            os.path.join(build, "qvcollectors/qv-smart-collector"),
+            "1",
+        ],
+        stdout=subprocess.DEVNULL,
+        stderr=subprocess.DEVNULL,
+    ).returncode
+    written = os.path.join(kept, "mmc2/mas032/smartlogs")
+    os.makedirs(dest, exist_ok=True)
+    stamp = day.strftime("%Y%m%d")
+    for name in sorted(os.listdir(written)) if os.path.isdir(written) else []:
+        shutil.move(
+            os.path.join(written, name),
+            os.path.join(dest, name[:2] + stamp + ".json"),
         )
-        self.address = self.process.stdout.readline().strip()
-
-    def stop(self):
-        self.process.terminate()
-        self.process.wait()
-
-
-class Collector:
-    """One bus, the simulator and the shipped collector in its sandbox."""
-
-    def __init__(self, build, work):
-        self.build = build
-        self.scratch = tempfile.mkdtemp(dir=work)
-        self.bus = Bus(self.scratch)
-        self.env = dict(
-            os.environ,
-            DBUS_SYSTEM_BUS_ADDRESS=self.bus.address,
-            DBUS_STARTER_BUS_TYPE="system",
-        )
-
-    def run(self, scenario, dest, day):
-        """One daily run; its files land in dest, dated day. Exit code."""
-        run = tempfile.mkdtemp(dir=self.scratch)
-        path = os.path.join(run, "scenario.json")
-        with open(path, "w") as fh:
-            json.dump(scenario, fh)
-        os.makedirs(os.path.join(run, "mmc2"))
-        sim = subprocess.Popen(
-            [
-                os.path.join(self.build, "tools/storage-sim/storage-sim"),
-                "--scenario",
-                path,
-            ],
-            stdout=subprocess.PIPE,
-            text=True,
-            env=self.env,
-        )
-        try:
-            if sim.stdout.readline().strip() != "ready":
-                raise RuntimeError(f"storage-sim refused {path}")
-            env = dict(
-                self.env,
-                PLATFORM_SMART_TABLES=path,
-                DLOG_FILE=os.path.join(run, "dlog.log"),
-            )
-            rc = subprocess.run(
-                [
-                    "bwrap",
-                    "--ro-bind",
-                    "/usr",
-                    "/usr",
-                    "--symlink",
-                    "usr/lib",
-                    "/lib",
-                    "--symlink",
-                    "usr/lib64",
-                    "/lib64",
-                    "--symlink",
-                    "usr/bin",
-                    "/bin",
-                    "--ro-bind",
-                    "/etc",
-                    "/etc",
-                    "--dev",
-                    "/dev",
-                    "--proc",
-                    "/proc",
-                    "--bind",
-                    run,
-                    run,
-                    "--bind",
-                    os.path.join(run, "mmc2"),
-                    "/mmc2",
-                    "--ro-bind",
-                    self.build,
-                    self.build,
-                    os.path.join(self.build, "qvcollectors/qv-smart-collector"),
-                    "1",
-                ],
-                env=env,
-                stdout=subprocess.DEVNULL,
-                stderr=subprocess.DEVNULL,
-            ).returncode
-        finally:
-            sim.terminate()
-            sim.wait()
-        written = os.path.join(run, "mmc2/mas032/smartlogs")
-        os.makedirs(dest, exist_ok=True)
-        stamp = day.strftime("%Y%m%d")
-        for name in sorted(os.listdir(written)):
-            shutil.move(
-                os.path.join(written, name),
-                os.path.join(dest, name[:2] + stamp + ".json"),
-            )
-        shutil.rmtree(run)
-        return rc
-
-    def stop(self):
-        self.bus.stop()
-        shutil.rmtree(self.scratch, ignore_errors=True)
+    shutil.rmtree(run)
+    return rc
 
 
 def run_all(build, work, jobs, tasks):
-    """tasks: [(scenario, dest, day)] -> [exit code], over jobs buses."""
-    pool = queue.Queue()
-    collectors = [Collector(build, work) for _ in range(jobs)]
-    for c in collectors:
-        pool.put(c)
-
-    def one(task):
-        c = pool.get()
-        try:
-            return c.run(*task)
-        finally:
-            pool.put(c)
-
-    try:
-        with ThreadPoolExecutor(jobs) as ex:
-            return list(ex.map(one, tasks))
-    finally:
-        for c in collectors:
-            c.stop()
+    """tasks: [(scenario, dest, day)] -> [exit code], jobs at a time."""
+    with ThreadPoolExecutor(jobs) as ex:
+        return list(ex.map(lambda task: collect(build, work, *task), tasks))
 
 
 def reader(build, *args):

@@ -1,0 +1,25 @@
+#!/usr/bin/env bash
+# clang-tidy.sh SOURCE BUILD: clang-tidy with the checked-in .clang-tidy
+# over the project's own sources in BUILD's compilation database, one file
+# per core; any finding fails. Not tests/fuzz/, whose harnesses only build
+# with -Dfuzzing=true.
+set -euo pipefail
+source=$1 build=$2
+log="$build/meson-logs/clang-tidy.log"
+root=$(printf '%s' "$source" | sed 's/[][\.*^$?+(){}|]/\\&/g')
+rc=0
+run-clang-tidy -p "$build" -quiet -j "$(nproc)" \
+    "^$root/(?!tests/fuzz/)(bench|platform|qvcollectors|tests|tools)/.*\.cpp\$" \
+    >"$log" 2>&1 || rc=$?
+sed -i 's/\x1b\[[0-9;]*m//g' "$log"
+if grep -E '^[^ ]+:[0-9]+:[0-9]+: (fatal )?(warning|error): ' "$log" |
+    sort -u | grep .; then
+    echo "clang-tidy: findings above (details in $log)"
+    exit 1
+fi
+if [ "$rc" -ne 0 ]; then
+    tail -n 20 "$log"
+    echo "clang-tidy: failed without a finding (see $log)"
+    exit 1
+fi
+echo "clang-tidy: no findings"
