@@ -104,8 +104,11 @@ for drive in history["drives"]:
         f"{drive['fqdd']} in the textfile",
     )
 
-with open(f"{work}/history.om", "w") as out:
-    out.write(openMetrics)
+# The file is written block by block as the export goes: it must be the text
+# of standard output to the octet.
+read("export", "--format=openmetrics", "--output", f"{work}/history.om", days)
+with open(f"{work}/history.om") as written:
+    check(written.read() == openMetrics, "the OpenMetrics file differs")
 code, out, err = run(
     "promtool",
     "tsdb",

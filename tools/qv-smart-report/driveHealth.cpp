@@ -15,6 +15,8 @@ namespace qvreport
 namespace
 {
 
+using Octets = std::vector<std::uint8_t>;
+
 constexpr std::int64_t kelvinOffset = 273;
 
 // Counters past the signed 64-bit range show as its top value.
@@ -28,16 +30,50 @@ Figure figure(std::optional<std::uint64_t> value)
     return *value > std::uint64_t(top) ? top : std::int64_t(*value);
 }
 
-std::optional<std::uint64_t> number(const Node& record, std::string_view key)
+// A log page of a hard drive's group: its name and its dump's octets, none
+// when it is no dump.
+struct Page
 {
-    const Node* member = record.find(key);
-    if (member == nullptr || member->isObject || member->text.empty())
+    std::string name;
+    Octets octets;
+    bool dump = true;
+};
+
+// What the figures of one drive are read from: its group of a report
+// without the rows of a raw-data dump.
+struct DriveGroup
+{
+    std::string fqdd;
+    // Every member by name in file order, but the rows of a dump: a quoted
+    // text, or nothing for a group.
+    std::vector<std::pair<std::string, std::optional<std::string>>> members;
+    // Its groups, as pages.
+    std::vector<Page> pages;
+    // A quoted text among its members, raw-data rows included.
+    bool holdsText = false;
+
+    // The first member of that name.
+    const std::optional<std::string>* find(std::string_view key) const
+    {
+        auto it = std::ranges::find(members, key, [](const auto& member) {
+            return std::string_view(member.first);
+        });
+        return it == members.end() ? nullptr : &it->second;
+    }
+};
+
+std::optional<std::uint64_t> number(const DriveGroup& record,
+                                    std::string_view key)
+{
+    const auto* member = record.find(key);
+    if (member == nullptr || !*member || (*member)->empty())
     {
         return std::nullopt;
     }
+    const std::string& text = **member;
     std::uint64_t value = 0;
-    const char* end = member->text.data() + member->text.size();
-    auto [ptr, ec] = std::from_chars(member->text.data(), end, value);
+    const char* end = text.data() + text.size();
+    auto [ptr, ec] = std::from_chars(text.data(), end, value);
     if (ec != std::errc{} || ptr != end)
     {
         return std::nullopt;
@@ -45,12 +81,12 @@ std::optional<std::uint64_t> number(const Node& record, std::string_view key)
     return value;
 }
 
-Figure field(const Node& record, std::string_view key)
+Figure field(const DriveGroup& record, std::string_view key)
 {
     return figure(number(record, key));
 }
 
-DriveHealth solidState(const Node& record)
+DriveHealth solidState(const DriveGroup& record)
 {
     DriveHealth health;
     namespace ssd = reportNames::ssd;
@@ -70,7 +106,7 @@ DriveHealth solidState(const Node& record)
 }
 
 // A 128-bit counter of the NVMe log, from its two halves.
-Figure wideCounter(const Node& record, std::string_view lowerName,
+Figure wideCounter(const DriveGroup& record, std::string_view lowerName,
                    std::string_view upperName)
 {
     auto upper = number(record, upperName);
@@ -82,7 +118,7 @@ Figure wideCounter(const Node& record, std::string_view lowerName,
     return figure(lower);
 }
 
-DriveHealth nvme(const Node& record)
+DriveHealth nvme(const DriveGroup& record)
 {
     DriveHealth health;
     health.driveClass = "NVMe";
@@ -112,15 +148,15 @@ DriveHealth nvme(const Node& record)
 }
 
 // A page group's name is "<page>(<code>)".
-std::string_view pageName(const Node& group)
+std::string_view pageName(const Page& group)
 {
     return std::string_view(group.name).substr(0, group.name.find('('));
 }
 
 // Device statistics qword: value in the low six octets, valid only when the
 // supported and valid flags of the top octet are both set.
-std::optional<std::uint64_t> statistic(const std::vector<unsigned>& page,
-                                       size_t offset, size_t width = 6)
+std::optional<std::uint64_t> statistic(const Octets& page, size_t offset,
+                                       size_t width = 6)
 {
     if (offset + 8 > page.size() || (page[offset + 7] & 0xc0) != 0xc0)
     {
@@ -137,8 +173,7 @@ std::optional<std::uint64_t> statistic(const std::vector<unsigned>& page,
 // Value of a log parameter of a SAS log page (big-endian), by code. The
 // page ends where its own length field says: a service may hand over a
 // longer buffer whose tail still holds an earlier answer's parameters.
-std::optional<std::vector<unsigned>>
-    logParameter(const std::vector<unsigned>& page, unsigned code)
+std::optional<Octets> logParameter(const Octets& page, unsigned code)
 {
     if (page.size() < 4)
     {
@@ -157,15 +192,15 @@ std::optional<std::vector<unsigned>>
         if (found == code)
         {
             const auto body = std::span(page).subspan(at + 4, length);
-            return std::vector<unsigned>(body.begin(), body.end());
+            return Octets(body.begin(), body.end());
         }
         at += 4 + length;
     }
     return std::nullopt;
 }
 
-std::optional<std::uint64_t> bigEndian(std::optional<std::vector<unsigned>> v,
-                                       size_t from, size_t width)
+std::optional<std::uint64_t> bigEndian(std::optional<Octets> v, size_t from,
+                                       size_t width)
 {
     if (!v || v->size() < from + width)
     {
@@ -180,8 +215,7 @@ std::optional<std::uint64_t> bigEndian(std::optional<std::vector<unsigned>> v,
 }
 
 // A log parameter read as one big-endian number, whatever its length.
-std::optional<std::uint64_t> wholeParameter(const std::vector<unsigned>& page,
-                                            unsigned code)
+std::optional<std::uint64_t> wholeParameter(const Octets& page, unsigned code)
 {
     auto param = logParameter(page, code);
     return bigEndian(param, 0, param ? param->size() : 0);
@@ -197,8 +231,7 @@ void addTo(Figure& total, std::optional<std::uint64_t> count)
     }
 }
 
-void sataPage(DriveHealth& health, std::string_view name,
-              const std::vector<unsigned>& page)
+void sataPage(DriveHealth& health, std::string_view name, const Octets& page)
 {
     namespace names = reportNames::sataPage;
     if (name == names::general)
@@ -227,13 +260,12 @@ void sataPage(DriveHealth& health, std::string_view name,
 
 // The page code the drive put in the page's first octet, without the
 // disable-save and subpage-format bits; 0xff for a page too short to say.
-unsigned pageCode(const std::vector<unsigned>& page)
+unsigned pageCode(const Octets& page)
 {
     return page.size() < 2 || page[1] != 0 ? 0xff : page[0] & 0x3f;
 }
 
-void sasPage(DriveHealth& health, std::string_view name,
-             const std::vector<unsigned>& page)
+void sasPage(DriveHealth& health, std::string_view name, const Octets& page)
 {
     // A slot may carry another page than its own (a service filling in for
     // a page the drive lacks); its parameter codes mean something else.
@@ -298,19 +330,15 @@ bool contains(const auto& names, std::string_view name)
         names, [name](std::string_view known) { return known == name; });
 }
 
-// Hard drive from its page groups; nothing when the group is not one.
-std::optional<DriveHealth> hardDrive(const Node& record)
+// Hard drive from its page groups.
+DriveHealth hardDrive(const DriveGroup& record)
 {
     DriveHealth health;
     health.driveClass = "HDD";
-    for (const Node& group : record.members)
+    for (const Page& group : record.pages)
     {
-        if (!group.isObject)
-        {
-            return std::nullopt;
-        }
         auto name = pageName(group);
-        auto page = decodeHexRows(group).value_or(std::vector<unsigned>{});
+        const auto& page = group.octets;
         if (contains(reportNames::sataPages, name))
         {
             health.driveClass = "SATA HDD";
@@ -325,7 +353,10 @@ std::optional<DriveHealth> hardDrive(const Node& record)
     return health;
 }
 
-std::optional<DriveHealth> classify(const Node& record)
+// A group of the logs report by its members' names; of the raw-data report
+// a hard drive's when all its members are page groups. A solid-state
+// drive's raw data is left out: its figures come from the logs report.
+std::optional<DriveHealth> classify(const DriveGroup& record)
 {
     if (record.find(reportNames::nvme::criticalWarning) != nullptr)
     {
@@ -335,12 +366,92 @@ std::optional<DriveHealth> classify(const Node& record)
     {
         return solidState(record);
     }
-    if (record.members.empty() || decodeHexRows(record))
+    if (record.holdsText || record.pages.empty())
     {
         return std::nullopt;
     }
     return hardDrive(record);
 }
+
+// The drives of a document from its events, one drive's group at a time:
+// of a group only its named texts and its pages' octets are kept, never the
+// rows of a raw-data dump, so a document is read in the memory of its
+// largest log page.
+class DriveHealthEvents final : public ReportEvents
+{
+  public:
+    void start(int /*line*/) override
+    {
+        depth = 0;
+        drives.clear();
+    }
+    void openGroup(std::string_view name, int /*line*/) override
+    {
+        ++depth;
+        if (depth == 1)
+        {
+            record = DriveGroup{std::string(name), {}, {}, false};
+        }
+        else if (depth == 2)
+        {
+            record.members.emplace_back(name, std::nullopt);
+            record.pages.push_back({std::string(name), {}, true});
+        }
+        else
+        {
+            notADump();
+        }
+    }
+    void text(std::string_view name, std::string_view value,
+              int /*line*/) override
+    {
+        if (depth == 1)
+        {
+            record.holdsText = true;
+            if (!isHexRowName(name))
+            {
+                record.members.emplace_back(name, value);
+            }
+        }
+        else if (depth == 2 && record.pages.back().dump &&
+                 (!isHexRowName(name) ||
+                  !appendHexRow(value, record.pages.back().octets)))
+        {
+            notADump();
+        }
+    }
+    void closeGroup() override
+    {
+        if (depth-- != 1)
+        {
+            return;
+        }
+        if (auto health = classify(record); health)
+        {
+            health->fqdd = std::move(record.fqdd);
+            drives.push_back(std::move(*health));
+        }
+        record = {};
+    }
+
+    std::vector<DriveHealth> take()
+    {
+        return std::exchange(drives, {});
+    }
+
+  private:
+    int depth = 0;
+    DriveGroup record;
+    std::vector<DriveHealth> drives;
+
+    // The page being read holds more than rows of octets.
+    void notADump()
+    {
+        auto& page = record.pages.back();
+        page.dump = false;
+        page.octets = {};
+    }
+};
 
 } // namespace
 
@@ -371,20 +482,17 @@ std::string_view figureName(Figure DriveHealth::*figure)
 
 std::vector<DriveHealth> driveHealth(const Document& document)
 {
-    std::vector<DriveHealth> drives;
-    for (const Node& record : document.root.members)
-    {
-        if (!record.isObject)
-        {
-            continue;
-        }
-        if (auto health = classify(record); health)
-        {
-            health->fqdd = record.name;
-            drives.push_back(std::move(*health));
-        }
-    }
-    return drives;
+    DriveHealthEvents events;
+    handOver(document, events);
+    return events.take();
+}
+
+bool readDriveHealth(
+    const std::string& file, std::ostream& err,
+    const std::function<void(const std::vector<DriveHealth>&)>& each)
+{
+    DriveHealthEvents events;
+    return readReportFile(file, err, events, [&] { each(events.take()); });
 }
 
 } // namespace qvreport

@@ -5,7 +5,9 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <optional>
+#include <ostream>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -89,6 +91,13 @@ std::string_view figureName(Figure DriveHealth::*figure);
 // Solid-state raw dumps are left out: their figures come from the logs
 // report.
 std::vector<DriveHealth> driveHealth(const Document& document);
+
+// The same for every complete document of a report file, read one drive's
+// group at a time: no document's text or raw-data dump is held whole.
+// Problems and the result as readReportFile gives them.
+bool readDriveHealth(
+    const std::string& file, std::ostream& err,
+    const std::function<void(const std::vector<DriveHealth>&)>& each);
 
 std::vector<std::string> criticalWarningNames(std::uint64_t bits);
 

@@ -834,10 +834,10 @@ struct Run
 std::vector<Run> runsOf(const DatedFile& file, std::ostream& err, bool& intact)
 {
     std::vector<Run> runs;
-    intact = readReportFile(
+    intact = readDriveHealth(
                  file.path, err,
-                 [&runs](const Document& document) {
-        runs.push_back({Day{}, 0, driveHealth(document)});
+                 [&runs](const std::vector<DriveHealth>& drives) {
+        runs.push_back({Day{}, 0, drives});
                  }) &&
         intact;
     for (size_t i = 0; i < runs.size(); ++i)
@@ -891,10 +891,10 @@ History readHistory(const std::vector<DatedFile>& files, const Period& period,
             builder.add(file.day, {}, 0);
             continue;
         }
-        intact = readReportFile(
+        intact = readDriveHealth(
                      file.path, err,
-                     [&](const Document& document) {
-            builder.add(file.day, driveHealth(document), time);
+                     [&](const std::vector<DriveHealth>& drives) {
+            builder.add(file.day, drives, time);
                      }) &&
             intact;
     }

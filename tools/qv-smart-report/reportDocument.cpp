@@ -25,110 +25,54 @@ struct Damage
     std::string reason;
 };
 
-// The text read so far ends inside the document.
-struct NeedMore
-{};
-
-// Reads one document from the front of `text`, which holds what has been
-// read of the file so far; `complete` says nothing more follows.
+// Reads one document at the cursor of the text, handing its members to
+// `events` as they come.
 class DocumentParser
 {
   public:
-    DocumentParser(std::string_view text, int line, bool complete) :
-        text(text), line(line), complete(complete)
+    DocumentParser(ReportText& text, ReportEvents& events) :
+        text(text), events(events)
     {}
 
-    Document document(std::vector<ReadProblem>& notes)
+    void document(std::vector<ReadProblem>& notes)
     {
-        Document document;
-        document.line = line;
-        document.root.isObject = true;
-        document.root.line = line;
+        events.start(text.line());
         expect('{', "the text between documents");
-        readMembers(document.root, 1);
+        readMembers(1);
         // A hard drive reported without an FQDD has no group head, so the
         // document closes one brace early: the rest of the run follows as
         // ",<members>}" or a lone "}".
-        while (moreFollows() && (text[pos] == ',' || text[pos] == '}'))
+        while (text.skipBlanks() && (text.at(0) == ',' || text.at(0) == '}'))
         {
-            notes.push_back({line,
+            notes.push_back({text.line(),
                              "unbalanced closing brace (hard drive without "
                              "FQDD), read on",
                              false});
-            if (text[pos++] == ',')
+            const bool comma = text.at(0) == ',';
+            text.consume(1);
+            if (comma)
             {
-                readMembers(document.root, 1);
+                readMembers(1);
             }
         }
-        return document;
-    }
-
-    size_t consumed() const
-    {
-        return pos;
-    }
-
-    int lineReached() const
-    {
-        return line;
     }
 
   private:
-    std::string_view text;
-    size_t pos = 0;
-    int line;
-    bool complete;
+    ReportText& text;
+    ReportEvents& events;
 
     [[noreturn]] void fail(const std::string& reason) const
     {
-        throw Damage{line, reason};
-    }
-
-    // The text ran out: more of the file may settle what it holds.
-    void askForMore() const
-    {
-        if (!complete)
-        {
-            throw NeedMore{};
-        }
-    }
-
-    [[noreturn]] void endOfText(const char* inside) const
-    {
-        askForMore();
-        fail(std::string("file ends inside ") + inside);
-    }
-
-    bool skipBlanks()
-    {
-        while (pos < text.size() &&
-               std::isspace(static_cast<unsigned char>(text[pos])) != 0)
-        {
-            line += text[pos] == '\n' ? 1 : 0;
-            ++pos;
-        }
-        return pos < text.size();
-    }
-
-    // Whether anything but blanks follows; asks for more text until it
-    // knows.
-    bool moreFollows()
-    {
-        if (skipBlanks())
-        {
-            return true;
-        }
-        askForMore();
-        return false;
+        throw Damage{text.line(), reason};
     }
 
     char peek(const char* inside)
     {
-        if (!skipBlanks())
+        if (!text.skipBlanks())
         {
-            endOfText(inside);
+            fail(std::string("file ends inside ") + inside);
         }
-        return text[pos];
+        return text.at(0);
     }
 
     void expect(char wanted, const char* inside)
@@ -139,43 +83,46 @@ class DocumentParser
             fail(std::string("expected '") + wanted + "' but found '" + found +
                  "' in " + inside);
         }
-        ++pos;
+        text.consume(1);
     }
 
-    // Names are written unescaped, so a quote inside an FQDD does not end
-    // it: a name ends at the first quote followed by a colon on its line,
-    // a value at its first quote. Neither spans lines.
-    std::string readString(bool isName)
+    // The length of the quoted text at the cursor, whose opening quote it
+    // consumes. Names are written unescaped, so a quote inside an FQDD does
+    // not end it: a name ends at the first quote followed by a colon on its
+    // line, a value at its first quote. Neither spans lines.
+    size_t quotedLength(bool isName)
     {
         expect('"', "a group");
-        for (size_t end = pos; end < text.size(); ++end)
+        for (size_t end = 0; text.has(end);)
         {
-            if (text[end] == '\n')
+            auto held = text.heldAfter(end);
+            size_t stop = held.find_first_of("\"\n");
+            if (stop == std::string_view::npos)
+            {
+                end += held.size();
+                continue;
+            }
+            end += stop;
+            if (text.at(end) == '\n')
             {
                 fail("unterminated quoted text");
             }
-            if (text[end] != '"')
+            if (isName && !text.has(end + 1))
             {
-                continue;
+                break;
             }
-            if (isName && end + 1 == text.size())
+            if (!isName || text.at(end + 1) == ':')
             {
-                break; // the colon may follow in text not read yet
+                return end;
             }
-            if (!isName || text[end + 1] == ':')
-            {
-                std::string value(text.substr(pos, end - pos));
-                pos = end + 1;
-                return value;
-            }
+            ++end;
         }
-        askForMore();
         fail("unterminated quoted text");
     }
 
     // Members up to and including the closing brace; the opening brace has
     // been consumed.
-    void readMembers(Node& group, int depth)
+    void readMembers(int depth)
     {
         if (depth > maxGroupDepth)
         {
@@ -183,73 +130,131 @@ class DocumentParser
         }
         while (peek("a group") != '}')
         {
-            Node member;
-            member.line = line;
-            member.name = readString(true);
+            const int line = text.line();
+            size_t length = quotedLength(true);
+            std::string name(text.view(length));
+            text.consume(length + 1);
             expect(':', "a member");
             if (peek("a member") == '{')
             {
-                ++pos;
-                member.isObject = true;
-                readMembers(member, depth + 1);
+                text.consume(1);
+                events.openGroup(name, line);
+                readMembers(depth + 1);
+                events.closeGroup();
             }
             else
             {
-                member.text = readString(false);
+                length = quotedLength(false);
+                events.text(name, text.view(length), line);
+                text.consume(length + 1);
             }
-            group.members.push_back(std::move(member));
             if (peek("a group") == ',')
             {
-                ++pos;
+                text.consume(1);
             }
-            else if (text[pos] != '}')
+            else if (text.at(0) != '}')
             {
                 fail(std::string("expected ',' or '}' but found '") +
-                     text[pos] + "' in a group");
+                     text.at(0) + "' in a group");
             }
         }
-        ++pos;
+        text.consume(1);
     }
+};
+
+// Builds the whole document out of its events.
+class DocumentBuilder final : public ReportEvents
+{
+  public:
+    void start(int line) override
+    {
+        document = Document{line, Node{"", "", true, line, {}}};
+        open = {&document.root};
+    }
+    void openGroup(std::string_view name, int line) override
+    {
+        auto& members = open.back()->members;
+        members.push_back(Node{std::string(name), "", true, line, {}});
+        open.push_back(&members.back());
+    }
+    void text(std::string_view name, std::string_view value, int line) override
+    {
+        open.back()->members.push_back(
+            Node{std::string(name), std::string(value), false, line, {}});
+    }
+    void closeGroup() override
+    {
+        open.pop_back();
+    }
+    Document take()
+    {
+        return std::move(document);
+    }
+
+  private:
+    Document document;
+    // The groups open, the innermost last.
+    std::vector<Node*> open;
 };
 
 constexpr size_t minimumRead = size_t{64} * 1024;
 
 } // namespace
 
-std::optional<Document> ReportReader::next()
+bool ReportReader::next(ReportEvents& events)
 {
     found.clear();
-    while (skipBlanks())
+    while (text.skipBlanks())
     {
-        DocumentParser parser(std::string_view(buffer).substr(start), line,
-                              atEnd);
+        const auto documentStart = text.mark();
         try
         {
             std::vector<ReadProblem> notes;
-            Document document = parser.document(notes);
+            DocumentParser(text, events).document(notes);
             found.insert(found.end(), notes.begin(), notes.end());
-            start += parser.consumed();
-            line = parser.lineReached();
-            return document;
-        }
-        catch (const NeedMore&)
-        {
-            fill();
+            return true;
         }
         catch (const Damage& damage)
         {
             found.push_back({damage.line, damage.reason, true});
-            skipToNextDocument();
+            text.rewind(documentStart);
+            text.skipToNextDocument();
         }
     }
-    return std::nullopt;
+    return false;
 }
 
-// Drops what has been read and appends at least as much again as is held, so
-// a document re-read after each fill costs no more than twice its size.
-bool ReportReader::fill()
+std::optional<Document> ReportReader::next()
+{
+    DocumentBuilder builder;
+    if (!next(builder))
+    {
+        return std::nullopt;
+    }
+    return builder.take();
+}
+
+ReportText::ReportText(std::istream& in) : in(in), origin(in.tellg()) {}
+
+bool ReportText::has(size_t ahead)
+{
+    while (start + ahead >= buffer.size())
+    {
+        if (!fill())
+        {
+            return false;
+        }
+    }
+    return true;
+}
+
+// Lets go of the text before the cursor and appends at least as much again
+// as is held after it, so that reading one long quoted text costs no more
+// than twice its size.
+bool ReportText::fill()
 {
     buffer.erase(0, start);
+    offset += std::streamoff(start);
     start = 0;
     if (atEnd)
     {
@@ -265,7 +270,7 @@ bool ReportReader::fill()
     return got > 0;
 }
 
-bool ReportReader::skipBlanks()
+bool ReportText::skipBlanks()
 {
     for (;;)
     {
@@ -285,18 +290,44 @@ bool ReportReader::skipBlanks()
     }
 }
 
-void ReportReader::consume(size_t count)
+void ReportText::consume(size_t count)
 {
-    line += static_cast<int>(std::count(
+    cursorLine += static_cast<int>(std::count(
         buffer.begin() + static_cast<std::ptrdiff_t>(start),
         buffer.begin() + static_cast<std::ptrdiff_t>(start + count), '\n'));
     start += count;
 }
 
+void ReportText::rewind(const Mark& back)
+{
+    cursorLine = back.line;
+    if (back.offset >= offset)
+    {
+        start = size_t(back.offset - offset);
+        return;
+    }
+    buffer.clear();
+    start = 0;
+    offset = back.offset;
+    // A read error stays what it is; a failed seek is one too.
+    atEnd = true;
+    if (in.bad())
+    {
+        return;
+    }
+    in.clear();
+    if (origin < 0 || !in.seekg(origin + back.offset))
+    {
+        in.setstate(std::ios::badbit);
+        return;
+    }
+    atEnd = false;
+}
+
 // A document opens with a brace alone on its line. So does a drive's group,
 // but its name's colon precedes it ("\"FQDD\":\n{"), as it precedes a log
 // page's brace ("\"name\": {").
-bool ReportReader::opensDocument(size_t at) const
+bool ReportText::opensDocument(size_t at) const
 {
     if (buffer[at] != '{' || buffer[at + 1] != '\n')
     {
@@ -306,9 +337,7 @@ bool ReportReader::opensDocument(size_t at) const
            (buffer[at - 1] != '\n' && buffer[at - 1] != ' ');
 }
 
-// Skips the damaged document: on to the next brace after its start that
-// opens a document, or to the end of the input.
-void ReportReader::skipToNextDocument()
+void ReportText::skipToNextDocument()
 {
     size_t searched = 1; // octets after `start` ruled out
     for (;;)
@@ -330,7 +359,9 @@ void ReportReader::skipToNextDocument()
         {
             consume(end - 2 - start);
         }
-        searched = end - start;
+        // Never less than the first octet: after a rewind that read the
+        // text again, nothing may be held yet.
+        searched = std::max<size_t>(end - start, 1);
         if (!fill())
         {
             consume(buffer.size() - start);
@@ -342,14 +373,7 @@ void ReportReader::skipToNextDocument()
 namespace
 {
 
-bool isHexRowName(const std::string& name)
-{
-    return name.size() >= 6 && std::ranges::all_of(name, [](char c) {
-               return std::isxdigit(static_cast<unsigned char>(c)) != 0;
-           });
-}
-
-std::optional<unsigned> hexOctet(std::string_view cell)
+std::optional<std::uint8_t> hexOctet(std::string_view cell)
 {
     if (cell.size() != 2 ||
         std::isxdigit(static_cast<unsigned char>(cell[0])) == 0 ||
@@ -357,47 +381,85 @@ std::optional<unsigned> hexOctet(std::string_view cell)
     {
         return std::nullopt;
     }
-    return static_cast<unsigned>(std::stoul(std::string(cell), nullptr, 16));
+    return static_cast<std::uint8_t>(
+        std::stoul(std::string(cell), nullptr, 16));
+}
+
+void handOver(const Node& member, ReportEvents& events)
+{
+    if (!member.isObject)
+    {
+        events.text(member.name, member.text, member.line);
+        return;
+    }
+    events.openGroup(member.name, member.line);
+    for (const Node& inner : member.members)
+    {
+        handOver(inner, events);
+    }
+    events.closeGroup();
 }
 
 } // namespace
 
-std::optional<std::vector<unsigned>> decodeHexRows(const Node& group)
+bool isHexRowName(std::string_view name)
+{
+    return name.size() >= 6 && std::ranges::all_of(name, [](char c) {
+               return std::isxdigit(static_cast<unsigned char>(c)) != 0;
+           });
+}
+
+bool appendHexRow(std::string_view cells, std::vector<std::uint8_t>& octets)
+{
+    while (!cells.empty())
+    {
+        size_t start = cells.find_first_not_of(' ');
+        if (start == std::string_view::npos)
+        {
+            break;
+        }
+        size_t end = std::min(cells.find(' ', start), cells.size());
+        auto octet = hexOctet(cells.substr(start, end - start));
+        if (!octet)
+        {
+            return false;
+        }
+        octets.push_back(*octet);
+        cells.remove_prefix(end);
+    }
+    return true;
+}
+
+std::optional<std::vector<std::uint8_t>> decodeHexRows(const Node& group)
 {
     if (!group.isObject || group.members.empty())
     {
         return std::nullopt;
     }
-    std::vector<unsigned> octets;
+    std::vector<std::uint8_t> octets;
     for (const Node& row : group.members)
     {
-        if (row.isObject || !isHexRowName(row.name))
+        if (row.isObject || !isHexRowName(row.name) ||
+            !appendHexRow(row.text, octets))
         {
             return std::nullopt;
-        }
-        std::string_view cells = row.text;
-        while (!cells.empty())
-        {
-            size_t start = cells.find_first_not_of(' ');
-            if (start == std::string_view::npos)
-            {
-                break;
-            }
-            size_t end = std::min(cells.find(' ', start), cells.size());
-            auto octet = hexOctet(cells.substr(start, end - start));
-            if (!octet)
-            {
-                return std::nullopt;
-            }
-            octets.push_back(*octet);
-            cells.remove_prefix(end);
         }
     }
     return octets;
 }
 
+void handOver(const Document& document, ReportEvents& events)
+{
+    events.start(document.line);
+    for (const Node& member : document.root.members)
+    {
+        handOver(member, events);
+    }
+}
+
 bool readReportFile(const std::string& file, std::ostream& err,
-                    const std::function<void(const Document&)>& each)
+                    ReportEvents& events,
+                    const std::function<void()>& documentRead)
 {
     std::error_code error;
     if (!std::filesystem::is_regular_file(file, error))
@@ -415,18 +477,18 @@ bool readReportFile(const std::string& file, std::ostream& err,
     bool intact = true;
     for (;;)
     {
-        auto document = reader.next();
+        const bool read = reader.next(events);
         for (const auto& problem : reader.problems())
         {
             err << file << ':' << problem.line << ": "
                 << (problem.damage ? "" : "note: ") << problem.reason << '\n';
             intact = intact && !problem.damage;
         }
-        if (!document)
+        if (!read)
         {
             break;
         }
-        each(*document);
+        documentRead();
     }
     if (in.bad())
     {
@@ -434,6 +496,13 @@ bool readReportFile(const std::string& file, std::ostream& err,
         intact = false;
     }
     return intact;
+}
+
+bool readReportFile(const std::string& file, std::ostream& err,
+                    const std::function<void(const Document&)>& each)
+{
+    DocumentBuilder builder;
+    return readReportFile(file, err, builder, [&] { each(builder.take()); });
 }
 
 } // namespace qvreport

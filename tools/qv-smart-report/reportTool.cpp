@@ -15,7 +15,6 @@
 #include <cstdint>
 #include <iomanip>
 #include <map>
-#include <sstream>
 #include <variant>
 
 namespace qvreport
@@ -373,6 +372,23 @@ std::variant<Options, int> parseArgs(std::span<const std::string> args,
     return options;
 }
 
+// The drives of each complete document of a file, one drive's group at a
+// time; the JSON lines, which print each document whole, read it whole.
+bool readDrives(
+    const Options& options, const std::string& file, std::ostream& out,
+    std::ostream& err,
+    const std::function<void(const std::vector<DriveHealth>&)>& each)
+{
+    if (options.format != Format::json)
+    {
+        return readDriveHealth(file, err, each);
+    }
+    return readReportFile(file, err, [&](const Document& document) {
+        writeJson(out, file, document);
+        each(driveHealth(document));
+    });
+}
+
 // Every drive of every document, in the chosen format: the health view.
 int showReports(const Options& options, std::ostream& out, std::ostream& err)
 {
@@ -384,12 +400,8 @@ int showReports(const Options& options, std::ostream& out, std::ostream& err)
     int status = exitOk;
     for (const auto& file : options.paths)
     {
-        auto each = [&](const Document& document) {
-            if (options.format == Format::json)
-            {
-                writeJson(out, file, document);
-            }
-            for (const auto& drive : driveHealth(document))
+        auto each = [&](const std::vector<DriveHealth>& drives) {
+            for (const auto& drive : drives)
             {
                 Assessment assessment(snapshotReasons(drive));
                 status |= verdictBits(assessment.verdict);
@@ -403,7 +415,7 @@ int showReports(const Options& options, std::ostream& out, std::ostream& err)
                 }
             }
         };
-        if (!readReportFile(file, err, each))
+        if (!readDrives(options, file, out, err, each))
         {
             status |= exitDamaged;
         }
@@ -477,9 +489,10 @@ int showDays(const Options& options, std::ostream& out, std::ostream& err)
     }
     else
     {
-        std::ostringstream text;
-        writeHistory(text, options, history);
-        if (!replaceFile(options.output, text.str(), err))
+        auto write = [&](std::ostream& file) {
+            writeHistory(file, options, history);
+        };
+        if (!replaceFile(options.output, err, write))
         {
             status |= exitNotWritten;
         }

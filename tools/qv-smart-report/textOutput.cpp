@@ -12,6 +12,7 @@
 #include <cstring>
 #include <filesystem>
 #include <random>
+#include <streambuf>
 
 namespace qvreport
 {
@@ -260,7 +261,7 @@ int createTemporary(const std::filesystem::path& path, std::string& name)
     return -1;
 }
 
-bool writeAll(int fd, const std::string& text)
+bool writeAll(int fd, std::string_view text)
 {
     for (size_t done = 0; done < text.size();)
     {
@@ -271,13 +272,82 @@ bool writeAll(int fd, const std::string& text)
         }
         done += count > 0 ? size_t(count) : 0;
     }
-    return ::fsync(fd) == 0;
+    return true;
+}
+
+// An output stream's buffer that writes a block at a time to a file
+// descriptor; the first error is kept and nothing is written after it.
+class DescriptorBuffer final : public std::streambuf
+{
+  public:
+    explicit DescriptorBuffer(int fd) : fd(fd), block(blockSize)
+    {
+        setp(block.data(), block.data() + block.size());
+    }
+
+    // The errno of the first failed write; 0 when none failed.
+    int failure() const
+    {
+        return error;
+    }
+
+  protected:
+    int_type overflow(int_type c) override
+    {
+        if (!drain())
+        {
+            return traits_type::eof();
+        }
+        if (!traits_type::eq_int_type(c, traits_type::eof()))
+        {
+            *pptr() = traits_type::to_char_type(c);
+            pbump(1);
+        }
+        return traits_type::not_eof(c);
+    }
+
+    int sync() override
+    {
+        return drain() ? 0 : -1;
+    }
+
+  private:
+    static constexpr size_t blockSize = size_t{8} * 1024;
+    int fd;
+    std::vector<char> block;
+    int error = 0;
+
+    bool drain()
+    {
+        if (error == 0 &&
+            !writeAll(fd, std::string_view(pbase(), size_t(pptr() - pbase()))))
+        {
+            error = errno;
+        }
+        setp(block.data(), block.data() + block.size());
+        return error == 0;
+    }
+};
+
+// Writes the text into the descriptor and onto the disk; the errno of what
+// failed, 0 when nothing did.
+int writeThrough(int fd, const std::function<void(std::ostream&)>& write)
+{
+    DescriptorBuffer buffer(fd);
+    std::ostream out(&buffer);
+    write(out);
+    out.flush();
+    if (buffer.failure() != 0)
+    {
+        return buffer.failure();
+    }
+    return ::fsync(fd) == 0 ? 0 : errno;
 }
 
 } // namespace
 
-bool replaceFile(const std::string& path, const std::string& text,
-                 std::ostream& err)
+bool replaceFile(const std::string& path, std::ostream& err,
+                 const std::function<void(std::ostream&)>& write)
 {
     // Only a regular file is replaced: a device, a directory or a symlink
     // named as the output stays what it is.
@@ -296,18 +366,16 @@ bool replaceFile(const std::string& path, const std::string& text,
         return false;
     }
     TemporaryGuard guard(temporary);
-    bool written = writeAll(fd, text);
-    int error = errno;
-    if (::close(fd) != 0 && written)
+    int error = writeThrough(fd, write);
+    if (::close(fd) != 0 && error == 0)
     {
-        written = false;
         error = errno;
     }
-    if (written && std::rename(temporary.c_str(), path.c_str()) == 0)
+    if (error == 0 && std::rename(temporary.c_str(), path.c_str()) == 0)
     {
         return true;
     }
-    error = written ? errno : error;
+    error = error == 0 ? errno : error;
     ::unlink(temporary.c_str());
     err << path << ": cannot be written: " << std::strerror(error) << '\n';
     return false;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <ostream>
 #include <string>
 #include <string_view>
@@ -36,13 +37,14 @@ class TextTable
     std::vector<std::vector<std::string>> rows;
 };
 
-// Replaces `path` with `text` in one step: written beside it under a new
-// random name, flushed to disk, renamed over it. A reader of the file sees
-// the old or the new text, never a part. Only a regular file or a name not
-// taken yet is replaced. The temporary file is removed on every failure and
-// when SIGTERM or SIGINT stops the writing. False, with the reason on
+// Replaces `path` with what `write` writes, in one step: written as it
+// comes into a new file beside it under a random name, flushed to disk,
+// renamed over it. A reader of the file sees the old or the new text, never
+// a part, and the text is never held whole. Only a regular file or a name
+// not taken yet is replaced. The temporary file is removed on every failure
+// and when SIGTERM or SIGINT stops the writing. False, with the reason on
 // `err`, when that fails.
-bool replaceFile(const std::string& path, const std::string& text,
-                 std::ostream& err);
+bool replaceFile(const std::string& path, std::ostream& err,
+                 const std::function<void(std::ostream&)>& write);
 
 } // namespace qvreport
