@@ -8,11 +8,11 @@
 // the input, a day-by-day verdict whose last day differs from the
 // history's, an exception escaping, and every sanitizer report.
 
+#include "healthView.hpp"
 #include "history.hpp"
 #include "historyViews.hpp"
 #include "htmlPage.hpp"
 #include "metrics.hpp"
-#include "reportTool.hpp"
 
 #include <cstdint>
 #include <cstdio>

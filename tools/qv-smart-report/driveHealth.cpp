@@ -1,5 +1,6 @@
 #include "driveHealth.hpp"
 
+#include "qvDbusCollectSmartData.hpp"
 #include "qvSmartReportNames.hpp"
 
 #include <algorithm>
@@ -7,6 +8,7 @@
 #include <charconv>
 #include <limits>
 #include <span>
+#include <stdexcept>
 #include <string_view>
 #include <utility>
 
@@ -91,7 +93,8 @@ DriveHealth solidState(const DriveGroup& record)
     DriveHealth health;
     namespace ssd = reportNames::ssd;
     auto protocol = number(record, reportNames::protocol).value_or(0);
-    health.driveClass = (protocol & 0x20) != 0 ? "SAS SSD" : "SATA SSD";
+    health.driveClass = (protocol & PROTOCOL_SAS) != 0 ? DriveClass::sasSsd
+                                                       : DriveClass::sataSsd;
     health.temperatureC = field(record, ssd::temperature);
     health.lifeRemaining = field(record, ssd::lifeRemaining);
     health.powerOnHours = field(record, ssd::powerOnHours);
@@ -121,7 +124,7 @@ Figure wideCounter(const DriveGroup& record, std::string_view lowerName,
 DriveHealth nvme(const DriveGroup& record)
 {
     DriveHealth health;
-    health.driveClass = "NVMe";
+    health.driveClass = DriveClass::nvme;
     namespace nvme = reportNames::nvme;
     // 0 K is a drive that reports no temperature.
     if (auto kelvin = field(record, nvme::temperature); kelvin && *kelvin > 0)
@@ -334,19 +337,19 @@ bool contains(const auto& names, std::string_view name)
 DriveHealth hardDrive(const DriveGroup& record)
 {
     DriveHealth health;
-    health.driveClass = "HDD";
+    health.driveClass = DriveClass::hdd;
     for (const Page& group : record.pages)
     {
         auto name = pageName(group);
         const auto& page = group.octets;
         if (contains(reportNames::sataPages, name))
         {
-            health.driveClass = "SATA HDD";
+            health.driveClass = DriveClass::sataHdd;
             sataPage(health, name, page);
         }
         else if (contains(reportNames::sasPages, name))
         {
-            health.driveClass = "SAS HDD";
+            health.driveClass = DriveClass::sasHdd;
             sasPage(health, name, page);
         }
     }
@@ -473,11 +476,49 @@ std::vector<std::string> criticalWarningNames(std::uint64_t bits)
     return set;
 }
 
-std::string_view figureName(Figure DriveHealth::*figure)
+std::string_view className(DriveClass driveClass)
 {
-    const auto* column = std::ranges::find(namedFigures, figure,
-                                           &FigureColumn::figure);
-    return column == namedFigures.end() ? "" : column->name;
+    switch (driveClass)
+    {
+        case DriveClass::sasSsd:
+            return "SAS SSD";
+        case DriveClass::sataSsd:
+            return "SATA SSD";
+        case DriveClass::nvme:
+            return "NVMe";
+        case DriveClass::sataHdd:
+            return "SATA HDD";
+        case DriveClass::sasHdd:
+            return "SAS HDD";
+        case DriveClass::hdd:
+            break;
+    }
+    return "HDD";
+}
+
+bool isHardDrive(DriveClass driveClass)
+{
+    return driveClass == DriveClass::hdd || driveClass == DriveClass::sataHdd ||
+           driveClass == DriveClass::sasHdd;
+}
+
+size_t columnOf(std::span<const FigureColumn> columns,
+                Figure DriveHealth::*figure)
+{
+    auto column = std::ranges::find(columns, figure, &FigureColumn::figure);
+    if (column == columns.end())
+    {
+        throw std::logic_error("a figure missing from its list of columns");
+    }
+    return size_t(column - columns.begin());
+}
+
+std::string_view figureName(ReasonFigure figure)
+{
+    const auto* member = std::get_if<Figure DriveHealth::*>(&figure);
+    return member == nullptr
+               ? "critical_warning"
+               : namedFigures.at(columnOf(namedFigures, *member)).name;
 }
 
 std::vector<DriveHealth> driveHealth(const Document& document)

@@ -3,13 +3,16 @@
 #include "reportDocument.hpp"
 #include "textOutput.hpp"
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <functional>
 #include <optional>
 #include <ostream>
+#include <span>
 #include <string>
 #include <string_view>
+#include <variant>
 #include <vector>
 
 namespace qvreport
@@ -19,10 +22,29 @@ namespace qvreport
 // or it cannot be read.
 using Figure = std::optional<std::int64_t>;
 
+// What kind of drive a report's group is, from its members: a solid-state
+// drive's record names its protocol, a hard drive's page groups do.
+enum class DriveClass
+{
+    sasSsd,
+    sataSsd,
+    nvme,
+    // A hard drive none of whose page groups names its protocol.
+    hdd,
+    sataHdd,
+    sasHdd
+};
+
+// The class as the outputs name it: "SAS SSD", "NVMe", "SATA HDD", ...
+std::string_view className(DriveClass driveClass);
+
+bool isHardDrive(DriveClass driveClass);
+
 struct DriveHealth
 {
     std::string fqdd;
-    std::string driveClass;
+    // A group is a hard drive's until its members say more.
+    DriveClass driveClass = DriveClass::hdd;
     Figure temperatureC;
     Figure lifeRemaining;
     Figure percentUsed;
@@ -70,22 +92,27 @@ inline constexpr auto figureColumns = std::to_array<FigureColumn>({
 
 // Every figure a drive may report, by the name its reasons and outputs use:
 // the columns and the NVMe spare threshold, which is only compared against.
-inline constexpr auto namedFigures = std::to_array<FigureColumn>({
-    figureColumns[0],
-    figureColumns[1],
-    figureColumns[2],
-    figureColumns[3],
-    figureColumns[4],
-    figureColumns[5],
-    figureColumns[6],
-    figureColumns[7],
-    figureColumns[8],
-    figureColumns[9],
-    {"spare_threshold", "THRESHOLD", &DriveHealth::spareThreshold},
-});
+inline constexpr auto namedFigures = [] {
+    std::array<FigureColumn, figureColumns.size() + 1> named{};
+    std::ranges::copy(figureColumns, named.begin());
+    named.back() = {"spare_threshold", "THRESHOLD",
+                    &DriveHealth::spareThreshold};
+    return named;
+}();
 
-// The name of a figure.
-std::string_view figureName(Figure DriveHealth::*figure);
+// Where a figure is among the columns; a figure they lack is a fault of the
+// lists above and throws std::logic_error.
+size_t columnOf(std::span<const FigureColumn> columns,
+                Figure DriveHealth::*figure);
+
+// What a reason is about: one of the named figures, or the NVMe
+// critical-warning bits (&DriveHealth::criticalWarning).
+using ReasonFigure = std::variant<Figure DriveHealth::*,
+                                  std::optional<std::uint64_t> DriveHealth::*>;
+
+// The name of a figure; a figure that has none is a fault of the lists
+// above and throws std::logic_error.
+std::string_view figureName(ReasonFigure figure);
 
 // Health of every drive of a decoded (logs) or raw-data report document.
 // Solid-state raw dumps are left out: their figures come from the logs

@@ -68,7 +68,7 @@ void judgeHours(const DriveHealth& last, const DriveHealth& next,
     bool tooLow = before - now > before / stepBackShare;
     if (tooFar || tooLow || now < before)
     {
-        result.why = fell("power_on_hours", now, before);
+        result.why = fell(nameOf(&DriveHealth::powerOnHours), now, before);
         result.possible = !tooFar && !tooLow;
         result.setbacks += now < before ? 1 : 0;
     }
@@ -83,7 +83,8 @@ Continuity continuity(const DriveHealth& last, Day lastDay,
     if (last.driveClass != next.driveClass)
     {
         result.possible = false;
-        result.why = "class " + next.driveClass + " after " + last.driveClass;
+        result.why = "class " + std::string(className(next.driveClass)) +
+                     " after " + std::string(className(last.driveClass));
         return result;
     }
     judgeHours(last, next,

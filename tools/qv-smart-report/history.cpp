@@ -1,6 +1,7 @@
 #include "history.hpp"
 
 #include "driveIdentity.hpp"
+#include "historyReasons.hpp"
 
 #include <algorithm>
 #include <limits>
@@ -9,93 +10,9 @@
 namespace qvreport
 {
 
-void Trend::add(Day day, Figure value)
-{
-    if (!value)
-    {
-        return;
-    }
-    if (last && *value > *last)
-    {
-        ++rises;
-        firstRose = firstRose.value_or(day);
-    }
-    if (!last || *value != *last)
-    {
-        lastChange = day;
-    }
-    first = first.value_or(*value);
-    min = std::min(min.value_or(*value), *value);
-    max = std::max(max.value_or(*value), *value);
-    last = value;
-}
-
-namespace
-{
-
-// Marks a day without that figure in a kept series.
-constexpr std::int64_t noValue = std::numeric_limits<std::int64_t>::min();
-constexpr size_t criticalWarningSlot = namedFigures.size();
-
-size_t slotOf(Figure DriveHealth::*figure)
-{
-    return size_t(
-        std::ranges::find(namedFigures, figure, &FigureColumn::figure) -
-        namedFigures.begin());
-}
-
-} // namespace
-
-void DailySeries::put(size_t figure, std::optional<std::int64_t> value)
-{
-    auto& column = values.at(figure);
-    if (!value && column.empty())
-    {
-        return;
-    }
-    // A figure first reported today has no value on the days before.
-    column.resize(days.size() - 1, noValue);
-    column.push_back(value.value_or(noValue));
-}
-
-void DailySeries::add(Day day, const DriveHealth& health, Verdict verdict)
-{
-    days.push_back(std::int32_t(day.time_since_epoch().count()));
-    verdicts.push_back(verdict);
-    for (size_t i = 0; i < namedFigures.size(); ++i)
-    {
-        put(i, health.*namedFigures.at(i).figure);
-    }
-    auto bits = health.criticalWarning;
-    put(criticalWarningSlot,
-        bits ? std::optional<std::int64_t>(std::int64_t(*bits)) : std::nullopt);
-}
-
-Figure DailySeries::value(size_t i, Figure DriveHealth::*figure) const
-{
-    const auto& column = values.at(slotOf(figure));
-    if (i >= column.size() || column[i] == noValue)
-    {
-        return std::nullopt;
-    }
-    return column[i];
-}
-
-std::optional<std::uint64_t> DailySeries::criticalWarning(size_t i) const
-{
-    const auto& column = values.at(criticalWarningSlot);
-    if (i >= column.size() || column[i] == noValue)
-    {
-        return std::nullopt;
-    }
-    return std::uint64_t(column[i]);
-}
-
 const Trend& DriveRecord::trend(Figure DriveHealth::*figure) const
 {
-    const auto* column = std::ranges::find(figureColumns, figure,
-                                           &FigureColumn::figure);
-    return trends.at(size_t(column - figureColumns.begin()));
+    return trends.at(columnOf(figureColumns, figure));
 }
 
 const std::string& DriveRecord::bayOn(Day day) const
@@ -120,203 +37,6 @@ bool hasReading(const DriveHealth& health)
            std::ranges::any_of(namedFigures, [&health](const auto& column) {
                return (health.*column.figure).has_value();
            });
-}
-
-// Today's reasons, each since the first day of the readings up to today on
-// which it held.
-std::vector<Reason> heldSince(const std::vector<Reason>& before,
-                              std::vector<Reason> now, Day day)
-{
-    for (auto& reason : now)
-    {
-        auto held = std::ranges::find_if(before, [&reason](const Reason& r) {
-            return r.figure == reason.figure && r.verdict == reason.verdict;
-        });
-        reason.since = held == before.end() ? day : held->since;
-    }
-    return now;
-}
-
-// A counter that has stopped growing is the drive's baseline, not news: it
-// warns when it first shows or grows, and is a note once it has held its
-// value this many days. CRC errors point at a cable, so they warn only on
-// the reading that shows them grow.
-constexpr std::chrono::days baselineAfter{7};
-constexpr std::chrono::days crcBaselineAfter{1};
-
-// The counter a reason names, or warningCounters.end().
-const auto* counterNamed(std::string_view figure)
-{
-    return std::ranges::find_if(warningCounters, [figure](auto member) {
-        return figureName(member) == figure;
-    });
-}
-
-void noteBaselines(const DriveRecord& record, std::vector<Reason>& found)
-{
-    for (auto& reason : found)
-    {
-        const auto* counter = counterNamed(reason.figure);
-        // The counts that fail a single report are baselines too once they
-        // stand still; growth is what fails a drive that is watched.
-        if (reason.verdict == Verdict::passed ||
-            counter == warningCounters.end())
-        {
-            continue;
-        }
-        const auto& trend = record.trend(*counter);
-        auto quiet = *counter == &DriveHealth::crcErrors ? crcBaselineAfter
-                                                         : baselineAfter;
-        if (trend.lastChange && record.lastDay - *trend.lastChange >= quiet)
-        {
-            reason = {Verdict::passed, reason.figure,
-                      reason.figure + ' ' + std::to_string(*trend.last) +
-                          ", unchanged since " + dayText(*trend.lastChange),
-                      std::nullopt};
-        }
-    }
-}
-
-// The reasons that hold, a counter that stopped growing as a note, and a
-// failure counter that kept rising failing the drive since the day it first
-// rose.
-std::vector<Reason> reasonsNow(const DriveRecord& record)
-{
-    auto found = record.holding;
-    noteBaselines(record, found);
-    for (auto member : failureCounters)
-    {
-        const auto& trend = record.trend(member);
-        if (trend.rises < risesThatFail)
-        {
-            continue;
-        }
-        auto name = std::string(figureName(member));
-        std::erase_if(found,
-                      [&name](const Reason& r) { return r.figure == name; });
-        found.push_back({Verdict::failed, name,
-                         name + " rose on " + std::to_string(trend.rises) +
-                             " days, " + std::to_string(*trend.first) + " -> " +
-                             std::to_string(*trend.last),
-                         trend.firstRose});
-    }
-    return found;
-}
-
-// A count that failed the drive and has kept that value since, long enough
-// to be its baseline: the failure was the count, not its growth.
-bool standsStill(const DriveRecord& record, const Reason& failed)
-{
-    const auto* counter = counterNamed(failed.figure);
-    if (counter == warningCounters.end() || !failed.since)
-    {
-        return false;
-    }
-    const auto& trend = record.trend(*counter);
-    return trend.lastChange && *trend.lastChange <= *failed.since &&
-           record.lastDay - *trend.lastChange >= baselineAfter &&
-           trend.rises == 0;
-}
-
-// The reasons that hold and every reason that failed the drive before: a
-// failure that no longer shows (sectors remapped, a drive that cooled
-// down) keeps its first day.
-std::vector<Reason> reasonsWithLatched(const DriveRecord& record)
-{
-    auto found = reasonsNow(record);
-    for (const auto& failed : record.latched)
-    {
-        auto now = std::ranges::find_if(found, [&failed](const Reason& r) {
-            return r.figure == failed.figure && r.verdict == Verdict::failed;
-        });
-        if (standsStill(record, failed))
-        {
-            continue;
-        }
-        if (now == found.end())
-        {
-            found.push_back(failed);
-            found.back().latched = true;
-        }
-        else if (failed.since && (!now->since || *failed.since < *now->since))
-        {
-            now->since = failed.since;
-        }
-    }
-    return found;
-}
-
-// Whether a figure of the reading went past what the operator accepted.
-bool beyondAccepted(const DriveHealth& now, const DriveHealth& accepted,
-                    std::string_view figure)
-{
-    if (figure == "critical_warning")
-    {
-        return (now.criticalWarning.value_or(0) &
-                ~accepted.criticalWarning.value_or(0)) != 0;
-    }
-    const auto* column = std::ranges::find(namedFigures, figure,
-                                           &FigureColumn::name);
-    if (column == namedFigures.end())
-    {
-        return true;
-    }
-    const Figure& value = now.*column->figure;
-    const Figure& kept = accepted.*column->figure;
-    if (!value || !kept)
-    {
-        return value.has_value();
-    }
-    // Wear left and spare only go down as a drive gets worse.
-    bool fallsWhenWorse = column->figure == &DriveHealth::lifeRemaining ||
-                          column->figure == &DriveHealth::availableSpare;
-    return fallsWhenWorse ? *value < *kept : *value > *kept;
-}
-
-// While an acknowledgement holds, a reason whose figure has not gone past
-// the accepted one is a note.
-void applyAcknowledgement(const DriveRecord& record, Day asOf,
-                          std::vector<Reason>& found)
-{
-    const auto& ack = record.acknowledgement;
-    if (!ack || asOf < ack->day || asOf > ack->until)
-    {
-        return;
-    }
-    for (auto& reason : found)
-    {
-        if (reason.verdict != Verdict::passed &&
-            !beyondAccepted(record.latest, ack->accepted, reason.figure))
-        {
-            reason = {Verdict::passed, reason.figure,
-                      reason.text + ", accepted on " + dayText(ack->day) +
-                          " until " + dayText(ack->until) + ": " + ack->note,
-                      std::nullopt};
-        }
-    }
-}
-
-Assessment assess(const DriveRecord& record, Day asOf)
-{
-    auto found = reasonsWithLatched(record);
-    applyAcknowledgement(record, asOf, found);
-    return Assessment(std::move(found));
-}
-
-void latchFailures(DriveRecord& record, const Assessment& assessment)
-{
-    for (const auto& reason : assessment.reasons)
-    {
-        bool known = std::ranges::any_of(record.latched,
-                                         [&reason](const Reason& r) {
-            return r.figure == reason.figure;
-        });
-        if (reason.verdict == Verdict::failed && !known)
-        {
-            record.latched.push_back(reason);
-            record.latched.back().latched = false;
-        }
-    }
 }
 
 // The reading into the drive's running figures, reasons and verdict.
@@ -382,7 +102,7 @@ bool HistoryBuilder::live(size_t record) const
 }
 
 size_t HistoryBuilder::open(Day day, const std::string& fqdd,
-                            const std::string& driveClass)
+                            DriveClass driveClass)
 {
     if (auto bay = inBay.find(fqdd); bay != inBay.end())
     {

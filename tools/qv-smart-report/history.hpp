@@ -1,5 +1,6 @@
 #pragma once
 
+#include "dailySeries.hpp"
 #include "dayFiles.hpp"
 #include "driveHealth.hpp"
 #include "verdict.hpp"
@@ -14,53 +15,6 @@
 
 namespace qvreport
 {
-
-// How one figure went across a drive's readings.
-struct Trend
-{
-    Figure first;
-    Figure last;
-    Figure min;
-    Figure max;
-    int rises = 0;
-    std::optional<Day> firstRose;
-    // The day of the first reading with the value the figure has now.
-    std::optional<Day> lastChange;
-
-    // The next reading's value, if it has one.
-    void add(Day day, Figure value);
-};
-
-// A drive's readings day by day, kept only for the outputs that draw or
-// stamp every day: one value per day and figure, the FQDD and class held
-// once by the drive.
-class DailySeries
-{
-  public:
-    void add(Day day, const DriveHealth& health, Verdict verdict);
-    size_t size() const
-    {
-        return days.size();
-    }
-    Day day(size_t i) const
-    {
-        return Day(std::chrono::days(days.at(i)));
-    }
-    Verdict verdict(size_t i) const
-    {
-        return verdicts.at(i);
-    }
-    Figure value(size_t i, Figure DriveHealth::*figure) const;
-    std::optional<std::uint64_t> criticalWarning(size_t i) const;
-
-  private:
-    std::vector<std::int32_t> days;
-    std::vector<Verdict> verdicts;
-    // Per figure of namedFigures, then the critical-warning bits; empty for
-    // a figure the drive never reported.
-    std::array<std::vector<std::int64_t>, namedFigures.size() + 1> values;
-    void put(size_t figure, std::optional<std::int64_t> value);
-};
 
 // Where a drive went: from one bay to another on a day.
 struct Move
@@ -104,7 +58,7 @@ struct DriveRecord
     // The bay it is in, or was in last.
     std::string fqdd;
     // The class of its last reading.
-    std::string driveClass;
+    DriveClass driveClass = DriveClass::hdd;
     Day firstDay{};
     // The day of its last reading.
     Day lastDay{};
@@ -233,8 +187,7 @@ class HistoryBuilder
                        const std::vector<size_t>& drives) const;
     void arrive(Day day, Arrival& arrival, std::optional<size_t> drive,
                 const std::vector<bool>& matched);
-    size_t open(Day day, const std::string& fqdd,
-                const std::string& driveClass);
+    size_t open(Day day, const std::string& fqdd, DriveClass driveClass);
     bool live(size_t record) const;
     void retire();
     void acknowledge(std::optional<Day> before);

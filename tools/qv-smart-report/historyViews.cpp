@@ -1,5 +1,7 @@
 #include "historyViews.hpp"
 
+#include "viewCells.hpp"
+
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
@@ -15,16 +17,6 @@ using Json = nlohmann::ordered_json;
 bool isCounter(Figure DriveHealth::*member)
 {
     return std::ranges::find(warningCounters, member) != warningCounters.end();
-}
-
-std::string figureText(Figure value)
-{
-    return value ? std::to_string(*value) : "";
-}
-
-std::string dayCell(std::optional<Day> day)
-{
-    return day ? dayText(*day) : "";
 }
 
 std::string boolText(bool value)
@@ -105,7 +97,7 @@ Json reasonsJson(const Assessment& assessment)
     for (const auto& reason : assessment.reasons)
     {
         reasons.push_back({{"verdict", verdictName(reason.verdict)},
-                           {"figure", reason.figure},
+                           {"figure", figureName(reason.figure)},
                            {"text", reason.text},
                            {"since", dayJson(reason.since)},
                            {"latched", reason.latched}});
@@ -132,7 +124,7 @@ Json driveJson(const DriveRecord& drive)
     auto warnings = warningNames(drive);
     return Json{
         {"fqdd", drive.fqdd},
-        {"class", drive.driveClass},
+        {"class", className(drive.driveClass)},
         {"first_day", dayText(drive.firstDay)},
         {"last_day", dayText(drive.lastDay)},
         {"days", drive.days},
@@ -193,17 +185,18 @@ std::string trendPart(const Trend& trend, std::string_view part)
     {
         return std::to_string(*trend.last - *trend.first);
     }
-    return figureText(part == "first"  ? trend.first
+    return figureCell(part == "first"  ? trend.first
                       : part == "last" ? trend.last
                       : part == "min"  ? trend.min
-                                       : trend.max);
+                                       : trend.max,
+                      CellKind::csv);
 }
 
 std::vector<std::string> csvRow(const DriveRecord& drive)
 {
     std::vector<std::string> row{
         drive.fqdd,
-        drive.driveClass,
+        std::string(className(drive.driveClass)),
         dayText(drive.firstDay),
         dayText(drive.lastDay),
         std::to_string(drive.days),
@@ -224,10 +217,8 @@ std::vector<std::string> csvRow(const DriveRecord& drive)
             row.push_back(trendPart(drive.trend(column.figure), part));
         }
     }
-    auto warnings = warningNames(drive);
-    row.push_back(!warnings           ? ""
-                  : warnings->empty() ? "none"
-                                      : joined(*warnings, ';'));
+    row.push_back(
+        criticalWarningCell(drive.latest.criticalWarning, CellKind::csv));
     return row;
 }
 
@@ -243,11 +234,6 @@ std::string trendCell(const Trend& trend)
            (change == 0 ? ""
                         : "(" + std::string(change > 0 ? "+" : "") +
                               std::to_string(change) + ")");
-}
-
-std::string orDash(Figure value)
-{
-    return value ? std::to_string(*value) : "-";
 }
 
 } // namespace
@@ -290,13 +276,14 @@ void writeHistoryTable(std::ostream& out, const History& history)
     for (const auto& drive : history.drives)
     {
         const auto& temperature = drive.trend(&DriveHealth::temperatureC);
-        std::vector<std::string> row{drive.fqdd,
-                                     drive.driveClass,
-                                     dayText(drive.firstDay),
-                                     dayText(drive.lastDay),
-                                     seenText(drive),
-                                     orDash(temperature.min),
-                                     orDash(temperature.max)};
+        std::vector<std::string> row{
+            drive.fqdd,
+            std::string(className(drive.driveClass)),
+            dayText(drive.firstDay),
+            dayText(drive.lastDay),
+            seenText(drive),
+            figureCell(temperature.min, CellKind::table),
+            figureCell(temperature.max, CellKind::table)};
         for (const auto& column : figureColumns)
         {
             row.push_back(trendCell(drive.trend(column.figure)));

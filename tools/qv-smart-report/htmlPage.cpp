@@ -208,8 +208,9 @@ void writeDrive(std::ostream& out, const DriveRecord& drive,
         << escaped(drive.fqdd) << "' data-verdict='" << verdict << "'>\n"
         << "<h2><span class='verdict'>" << verdict << "</span>"
         << escaped(drive.fqdd) << "</h2>\n<div class='meta'>"
-        << escaped(drive.driveClass) << " · seen " << dayText(drive.firstDay)
-        << " to " << dayText(drive.lastDay) << " (" << drive.days << " days)";
+        << escaped(className(drive.driveClass)) << " · seen "
+        << dayText(drive.firstDay) << " to " << dayText(drive.lastDay) << " ("
+        << drive.days << " days)";
     for (const auto& mark : driveMarks(drive))
     {
         out << " · " << escaped(mark);

@@ -89,11 +89,11 @@ std::string labelValue(std::string_view text)
     return escaped;
 }
 
-std::string bayLabels(std::string_view fqdd, std::string_view driveClass,
+std::string bayLabels(std::string_view fqdd, DriveClass driveClass,
                       std::string_view extra)
 {
     std::string labels = "{fqdd=\"" + labelValue(fqdd) + "\",class=\"" +
-                         labelValue(driveClass) + '"';
+                         labelValue(className(driveClass)) + '"';
     if (!extra.empty())
     {
         labels += ',' + std::string(extra);
@@ -141,7 +141,7 @@ struct Sampler
 struct Series
 {
     std::string fqdd;
-    std::string driveClass;
+    DriveClass driveClass;
     std::vector<const DriveRecord*> drives;
 };
 

@@ -1,5 +1,6 @@
 #include "reportTool.hpp"
 
+#include "healthView.hpp"
 #include "history.hpp"
 #include "historyViews.hpp"
 #include "htmlPage.hpp"
@@ -8,10 +9,8 @@
 #include "verdict.hpp"
 
 #include <CLI/CLI.hpp>
-#include <nlohmann/json.hpp>
 
 #include <algorithm>
-#include <charconv>
 #include <cstdint>
 #include <iomanip>
 #include <map>
@@ -21,137 +20,6 @@ namespace qvreport
 {
 namespace
 {
-
-using Json = nlohmann::ordered_json;
-
-// Unsigned 64-bit values in their plain decimal form become JSON numbers,
-// so counters stay exact; any other text stays a string.
-Json textValue(const std::string& text)
-{
-    std::uint64_t value = 0;
-    const char* end = text.data() + text.size();
-    auto [stop, error] = std::from_chars(text.data(), end, value);
-    bool plain = error == std::errc() && stop == end &&
-                 (text == "0" || text.front() != '0');
-    return plain ? Json(value) : Json(text);
-}
-
-// Names may repeat (every entry without an FQDD is named ""), which a JSON
-// object's insertion would merge: members are appended to the ordered
-// object's list as they are.
-Json nodeJson(const Node& node)
-{
-    if (!node.isObject)
-    {
-        return textValue(node.text);
-    }
-    if (auto octets = decodeHexRows(node); octets)
-    {
-        Json array = *octets;
-        return array;
-    }
-    Json object = Json::object();
-    auto& members = object.get_ref<Json::object_t&>();
-    for (const auto& member : node.members)
-    {
-        members.emplace_back(member.name, nodeJson(member));
-    }
-    return object;
-}
-
-std::string figureText(const Figure& figure)
-{
-    return figure ? std::to_string(*figure) : "";
-}
-
-// Flagged figures, by column name, for the csv "alerts" column.
-std::vector<std::string> alerts(const Assessment& assessment)
-{
-    std::vector<std::string> names;
-    for (const auto& column : figureColumns)
-    {
-        if (assessment.flags(column.name))
-        {
-            names.emplace_back(column.name);
-        }
-    }
-    if (assessment.flags("critical_warning"))
-    {
-        names.emplace_back("critical_warning");
-    }
-    return names;
-}
-
-std::vector<std::string> tableCells(const DriveHealth& drive,
-                                    const Assessment& assessment)
-{
-    std::vector<std::string> cells{
-        drive.fqdd.empty() ? "(no FQDD)" : drive.fqdd, drive.driveClass};
-    for (const auto& column : figureColumns)
-    {
-        const Figure& figure = drive.*column.figure;
-        cells.push_back(figure ? figureText(figure) +
-                                     (assessment.flags(column.name) ? "!" : "")
-                               : "-");
-    }
-    if (!drive.criticalWarning)
-    {
-        cells.emplace_back("-");
-    }
-    else
-    {
-        auto names = criticalWarningNames(*drive.criticalWarning);
-        cells.push_back(
-            names.empty()
-                ? "none"
-                : joined(names, ',') +
-                      (assessment.flags("critical_warning") ? "!" : ""));
-    }
-    cells.emplace_back(verdictName(assessment.verdict));
-    cells.push_back(assessment.reasonsText());
-    return cells;
-}
-
-std::vector<std::string> tableHeading()
-{
-    std::vector<std::string> heading{"FQDD", "CLASS"};
-    for (const auto& column : figureColumns)
-    {
-        heading.emplace_back(column.heading);
-    }
-    heading.insert(heading.end(), {"CRITICAL_WARNING", "VERDICT", "REASONS"});
-    return heading;
-}
-
-void writeCsvHeader(std::ostream& out)
-{
-    out << "file,fqdd,class";
-    for (const auto& column : figureColumns)
-    {
-        out << ',' << column.name;
-    }
-    out << ",critical_warning,alerts,verdict,reasons\n";
-}
-
-void writeCsvRow(std::ostream& out, const std::string& file,
-                 const DriveHealth& drive, const Assessment& assessment)
-{
-    out << csvCell(file) << ',' << csvCell(drive.fqdd) << ','
-        << drive.driveClass;
-    for (const auto& column : figureColumns)
-    {
-        out << ',' << figureText(drive.*column.figure);
-    }
-    std::string warnings;
-    if (drive.criticalWarning)
-    {
-        auto names = criticalWarningNames(*drive.criticalWarning);
-        warnings = names.empty() ? "none" : joined(names, ';');
-    }
-    out << ',' << csvCell(warnings) << ',' << joined(alerts(assessment), ';')
-        << ',' << verdictName(assessment.verdict) << ','
-        << csvCell(assessment.reasonsText()) << '\n';
-}
 
 int verdictBits(Verdict verdict)
 {
@@ -166,20 +34,6 @@ int verdictBits(Verdict verdict)
     }
     return exitOk;
 }
-
-} // namespace
-
-void writeJson(std::ostream& out, const std::string& file,
-               const Document& document)
-{
-    Json line{{"file", file},
-              {"line", document.line},
-              {"report", nodeJson(document.root)}};
-    out << line.dump(-1, ' ', false, Json::error_handler_t::replace) << '\n';
-}
-
-namespace
-{
 
 enum class Format
 {
@@ -392,11 +246,10 @@ bool readDrives(
 // Every drive of every document, in the chosen format: the health view.
 int showReports(const Options& options, std::ostream& out, std::ostream& err)
 {
-    if (options.format == Format::csv)
-    {
-        writeCsvHeader(out);
-    }
-    TextTable table(tableHeading());
+    HealthView view(out, options.format == Format::csv ? HealthView::Format::csv
+                         : options.format == Format::json
+                             ? HealthView::Format::jsonLines
+                             : HealthView::Format::table);
     int status = exitOk;
     for (const auto& file : options.paths)
     {
@@ -405,14 +258,7 @@ int showReports(const Options& options, std::ostream& out, std::ostream& err)
             {
                 Assessment assessment(snapshotReasons(drive));
                 status |= verdictBits(assessment.verdict);
-                if (options.format == Format::csv)
-                {
-                    writeCsvRow(out, file, drive, assessment);
-                }
-                else if (options.format == Format::table)
-                {
-                    table.add(tableCells(drive, assessment));
-                }
+                view.add(file, drive, assessment);
             }
         };
         if (!readDrives(options, file, out, err, each))
@@ -420,10 +266,7 @@ int showReports(const Options& options, std::ostream& out, std::ostream& err)
             status |= exitDamaged;
         }
     }
-    if (options.format == Format::table)
-    {
-        table.print(out);
-    }
+    view.finish();
     return status;
 }
 

@@ -24,10 +24,6 @@ enum ExitBit
     exitSilent = 32
 };
 
-// One JSON line for a document: {"file":..,"line":..,"report":{..}}.
-void writeJson(std::ostream& out, const std::string& file,
-               const Document& document);
-
 // The whole command: arguments without the program name.
 int runReportTool(std::span<const std::string> args, std::ostream& out,
                   std::ostream& err);

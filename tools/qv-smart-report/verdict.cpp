@@ -49,7 +49,7 @@ void temperatureReason(const DriveHealth& drive, std::vector<Reason>& found)
     auto hot = temperatureWarningC(drive.driveClass);
     if (drive.temperatureC && *drive.temperatureC >= hot)
     {
-        found.push_back({Verdict::warning, "temp_c",
+        found.push_back({Verdict::warning, &DriveHealth::temperatureC,
                          compared(&DriveHealth::temperatureC,
                                   *drive.temperatureC, ">=", hot),
                          std::nullopt});
@@ -60,10 +60,12 @@ void temperatureReason(const DriveHealth& drive, std::vector<Reason>& found)
 // outside 1 to 100 is reserved.
 constexpr std::int64_t percentTop = 100;
 
-Reason implausible(std::string name, std::int64_t value, std::string_view why)
+Reason implausible(Figure DriveHealth::*member, std::int64_t value,
+                   std::string_view why)
 {
-    auto text = name + ' ' + std::to_string(value) + " implausible";
-    return {Verdict::passed, std::move(name),
+    auto text = std::string(figureName(member)) + ' ' + std::to_string(value) +
+                " implausible";
+    return {Verdict::passed, member,
             why.empty() ? text : text + ", " + std::string(why), std::nullopt};
 }
 
@@ -72,7 +74,7 @@ void lifeReason(const DriveHealth& drive, std::vector<Reason>& found)
     if (auto life = drive.lifeRemaining; life && *life <= lifeLowPercent)
     {
         found.push_back({*life <= 0 ? Verdict::failed : Verdict::warning,
-                         "life_remaining",
+                         &DriveHealth::lifeRemaining,
                          compared(&DriveHealth::lifeRemaining, *life,
                                   "<=", *life <= 0 ? 0 : lifeLowPercent),
                          std::nullopt});
@@ -92,14 +94,14 @@ void usedReason(const DriveHealth& drive, std::vector<Reason>& found)
     }
     if (*used > percentTop && drive.powerOnHours && *drive.powerOnHours < *used)
     {
-        found.push_back(implausible("percent_used", *used,
+        found.push_back(implausible(&DriveHealth::percentUsed, *used,
                                     "after " +
                                         std::to_string(*drive.powerOnHours) +
                                         " power-on hours"));
         return;
     }
     bool pastRated = *used >= usedUpPercent;
-    found.push_back({Verdict::warning, "percent_used",
+    found.push_back({Verdict::warning, &DriveHealth::percentUsed,
                      compared(&DriveHealth::percentUsed, *used, ">=",
                               pastRated ? usedUpPercent : usedHighPercent) +
                          (pastRated ? ", past rated endurance" : ""),
@@ -117,14 +119,15 @@ void spareReasons(const DriveHealth& drive, std::vector<Reason>& found)
 {
     if (drive.availableSpare && *drive.availableSpare > percentTop)
     {
-        found.push_back(
-            implausible("available_spare", *drive.availableSpare, ""));
+        found.push_back(implausible(&DriveHealth::availableSpare,
+                                    *drive.availableSpare, ""));
         return;
     }
     // 0 % is a threshold nothing falls below; 101 to 255 are reserved.
     if (drive.spareThreshold && *drive.spareThreshold > percentTop)
     {
-        found.push_back(implausible("spare_threshold", *drive.spareThreshold,
+        found.push_back(implausible(&DriveHealth::spareThreshold,
+                                    *drive.spareThreshold,
                                     "reserved: no spare rule"));
         return;
     }
@@ -132,7 +135,7 @@ void spareReasons(const DriveHealth& drive, std::vector<Reason>& found)
         *drive.availableSpare < *drive.spareThreshold)
     {
         found.push_back(
-            {Verdict::failed, "available_spare",
+            {Verdict::failed, &DriveHealth::availableSpare,
              compared(&DriveHealth::availableSpare, *drive.availableSpare,
                       "< threshold", *drive.spareThreshold),
              std::nullopt});
@@ -170,8 +173,9 @@ void nvmeReasons(const DriveHealth& drive, std::vector<Reason>& found)
         auto bits = *drive.criticalWarning;
         auto names = joined(criticalWarningNames(bits), ',');
         auto verdict = criticalWarningVerdict(drive, bits);
-        found.push_back({verdict, "critical_warning",
-                         "critical_warning " + names +
+        const ReasonFigure figure = &DriveHealth::criticalWarning;
+        found.push_back({verdict, figure,
+                         std::string(figureName(figure)) + ' ' + names +
                              (verdict == Verdict::passed ? " implausible" : ""),
                          std::nullopt});
     }
@@ -187,20 +191,19 @@ void counterReasons(const DriveHealth& drive, std::vector<Reason>& found)
             continue;
         }
         bool fails = rule.failAt > 0 && *count >= rule.failAt;
-        found.push_back({fails ? Verdict::failed : Verdict::warning,
-                         std::string(figureName(rule.member)),
-                         fails
-                             ? compared(rule.member, *count, ">=", rule.failAt)
-                             : compared(rule.member, *count, ">", 0),
-                         std::nullopt});
+        found.push_back(
+            {fails ? Verdict::failed : Verdict::warning, rule.member,
+             fails ? compared(rule.member, *count, ">=", rule.failAt)
+                   : compared(rule.member, *count, ">", 0),
+             std::nullopt});
     }
 }
 
 } // namespace
 
-std::int64_t temperatureWarningC(std::string_view driveClass)
+std::int64_t temperatureWarningC(DriveClass driveClass)
 {
-    return driveClass.ends_with("HDD") ? hardDriveHotC : solidStateHotC;
+    return isHardDrive(driveClass) ? hardDriveHotC : solidStateHotC;
 }
 
 std::string_view verdictName(Verdict verdict)
@@ -225,7 +228,7 @@ Assessment::Assessment(std::vector<Reason> found) : reasons(std::move(found))
     }
 }
 
-bool Assessment::flags(std::string_view figure) const
+bool Assessment::flags(ReasonFigure figure) const
 {
     // A note (an implausible value, a count that stopped growing) is shown,
     // not flagged.

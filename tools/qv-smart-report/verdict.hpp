@@ -21,7 +21,7 @@ enum class Verdict
 
 std::string_view verdictName(Verdict verdict);
 
-// Why a drive is not PASSED: the figure by its column name, its value
+// Why a drive is not PASSED: the figure it is about, its value
 // against the threshold, and in a history the first day of the days up to
 // the last on which the reason held throughout. A reason of a PASSED
 // verdict is a note: a value outside its defined range, a count that has
@@ -29,7 +29,7 @@ std::string_view verdictName(Verdict verdict);
 struct Reason
 {
     Verdict verdict = Verdict::warning;
-    std::string figure;
+    ReasonFigure figure;
     std::string text;
     std::optional<Day> since;
     // A FAILED reason of an earlier reading that no longer holds: the
@@ -43,14 +43,14 @@ struct Assessment
     std::vector<Reason> reasons;
 
     explicit Assessment(std::vector<Reason> found);
-    bool flags(std::string_view figure) const;
+    bool flags(ReasonFigure figure) const;
     // "reallocated 12 > 0 (since 2026-01-03); ..."
     std::string reasonsText() const;
 };
 
 // The temperature from which a drive of the class warns, in degrees
 // Celsius: the verdicts and the metrics that alerts compare with.
-std::int64_t temperatureWarningC(std::string_view driveClass);
+std::int64_t temperatureWarningC(DriveClass driveClass);
 
 // The thresholds one report's figures are held to.
 std::vector<Reason> snapshotReasons(const DriveHealth& drive);
