@@ -1,10 +1,11 @@
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
 #include <map>
-#include <span>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -12,25 +13,104 @@
 namespace smartdata
 {
 
-// Storage shared by both record classes: every numeric field of an entry in
-// one array, indexed by the class's field enumeration.
-template <typename Field>
-class Entry
+// Member names of a table's entries in the tables file: the accessor names
+// of the platform's record classes, misspellings included.
+inline constexpr std::array<std::string_view, 24> sasSataFields{
+    "objStatus",
+    "objExtFlags",
+    "protocol",
+    "readErrorDate",
+    "reallocatedBlockCount",
+    "powerOnHours",
+    "powerCycleCount",
+    "ecceRate",
+    "usedReservedBlockCount",
+    "unusedReservedBlockCount",
+    "programFailCount",
+    "eraseFailCount",
+    "commandTimeout",
+    "driveTemperature",
+    "uncorrectableErrorCount",
+    "uncorrectableLBACount",
+    "crcErrorCount",
+    "volatileMemoryBackupSourceFailures",
+    "exceptionModeStatus",
+    "mediaWriteCount",
+    "percentDriveLifeRemaining",
+    "currentPendingSectorCount",
+    "lastUpdatedDateTime",
+    "attributes"};
+
+inline constexpr std::array<std::string_view, 54> nvmeFields{
+    "objStatus",
+    "objExtFlags",
+    "protocol",
+    "criticalWarning",
+    "compositeTemparature",
+    "availableSpare",
+    "availableSpareThreshold",
+    "percentageUsed",
+    "dataUnitsReadLower",
+    "dataUnitsReadUpper",
+    "dataUnitsWrittenLower",
+    "dataUnitsWrittenUpper",
+    "hostReadCmdsLower",
+    "hostReadCmdsUpper",
+    "hostWriteCmdsLower",
+    "hostWriteCmdsUpper",
+    "controllerBusyTimeLower",
+    "controllerBusyTimeUpper",
+    "powerCyclesLower",
+    "powerCyclesUpper",
+    "powerOnHoursLower",
+    "powerOnHoursUpper",
+    "unsafeShutdownsLower",
+    "unsafeShutdownsUpper",
+    "mediaAndDataIntegrityErrsLower",
+    "mediaAndDataIntegrityErrsUpper",
+    "numOfErrorInfoLogEntriesLower",
+    "numOfErrorInfoLogEntriesUpper",
+    "warningCompositeTemperatureTime",
+    "criticalCompositeTemperatureTime",
+    "temperatureSensor1",
+    "temperatureSensor2",
+    "temperatureSensor3",
+    "temperatureSensor4",
+    "temperatureSensor5",
+    "temperatureSensor6",
+    "temperatureSensor7",
+    "temperatureSensor8",
+    "thermalMgmtTempTransitionCount",
+    "totalTimeThemalMgmtTemp",
+    "errorInfoLogRecordErrorCount",
+    "errorInfoLogRecordSubmissionQueID",
+    "errorInfoLogRecordCommandID",
+    "errorInfoLogRecordStatusFieldPhaseTag",
+    "errorInfoLogRecordStatusFieldStatus",
+    "errorInfoLogRecordParameterErrorLocationByteInCommand",
+    "errorInfoLogRecordParameterErrorLocationBitInCommand",
+    "errorInfoLogRecordLBA",
+    "errorInfoLogRecordNamespace",
+    "errorInfoLogRecordVendorSpecificInfo",
+    "badFlashBlock",
+    "uncorrectableError",
+    "lastUpdatedDateTime",
+    "attributes"};
+
+// A drive of one table: its FQDD and one 64-bit value per name in `names`.
+// The names list is the only place that orders the fields, so a value read
+// from the file cannot land behind another field's accessor.
+template <const auto& names>
+class TableRecord
 {
   public:
-    static constexpr std::size_t fieldCount =
-        static_cast<std::size_t>(Field::count);
-    using Values = std::array<std::uint64_t, fieldCount>;
+    static constexpr const auto& fieldNames = names;
+    using Values = std::array<std::uint64_t, names.size()>;
 
-    Entry() = default;
-    Entry(std::string fqdd, const Values& values) :
-        fqddText(std::move(fqdd)), fieldValues(values)
+    TableRecord() = default;
+    TableRecord(std::string fqdd, const Values& values) :
+        fqddText(std::move(fqdd)), values(values)
     {}
-    Entry(const Entry&) = default;
-    Entry(Entry&&) noexcept = default;
-    Entry& operator=(const Entry&) = default;
-    Entry& operator=(Entry&&) noexcept = default;
-    virtual ~Entry() = default;
 
     std::string fqdd() const
     {
@@ -38,457 +118,358 @@ class Entry
     }
 
   protected:
-    std::uint64_t get(Field field) const
+    // Evaluated while compiling: an accessor naming no field does not build.
+    static consteval std::size_t field(std::string_view name)
     {
-        return fieldValues[static_cast<std::size_t>(field)];
+        const auto* found = std::ranges::find(names, name);
+        if (found == names.end())
+        {
+            throw std::invalid_argument("not a field of this table");
+        }
+        return static_cast<std::size_t>(found - names.begin());
+    }
+
+    std::uint64_t get(std::size_t index) const
+    {
+        return values[index];
     }
 
   private:
     std::string fqddText;
-    Values fieldValues{};
-};
-
-// Field order follows the platform's accessor order.
-enum class SasSataField : std::size_t
-{
-    objStatus,
-    objExtFlags,
-    protocol,
-    readErrorDate,
-    reallocatedBlockCount,
-    powerOnHours,
-    powerCycleCount,
-    ecceRate,
-    usedReservedBlockCount,
-    unusedReservedBlockCount,
-    programFailCount,
-    eraseFailCount,
-    commandTimeout,
-    driveTemperature,
-    uncorrectableErrorCount,
-    uncorrectableLBACount,
-    crcErrorCount,
-    volatileMemoryBackupSourceFailures,
-    exceptionModeStatus,
-    mediaWriteCount,
-    percentDriveLifeRemaining,
-    currentPendingSectorCount,
-    lastUpdatedDateTime,
-    attributes,
-    count
-};
-
-enum class NvmeField : std::size_t
-{
-    objStatus,
-    objExtFlags,
-    protocol,
-    criticalWarning,
-    compositeTemparature,
-    availableSpare,
-    availableSpareThreshold,
-    percentageUsed,
-    dataUnitsReadLower,
-    dataUnitsReadUpper,
-    dataUnitsWrittenLower,
-    dataUnitsWrittenUpper,
-    hostReadCmdsLower,
-    hostReadCmdsUpper,
-    hostWriteCmdsLower,
-    hostWriteCmdsUpper,
-    controllerBusyTimeLower,
-    controllerBusyTimeUpper,
-    powerCyclesLower,
-    powerCyclesUpper,
-    powerOnHoursLower,
-    powerOnHoursUpper,
-    unsafeShutdownsLower,
-    unsafeShutdownsUpper,
-    mediaAndDataIntegrityErrsLower,
-    mediaAndDataIntegrityErrsUpper,
-    numOfErrorInfoLogEntriesLower,
-    numOfErrorInfoLogEntriesUpper,
-    warningCompositeTemperatureTime,
-    criticalCompositeTemperatureTime,
-    temperatureSensor1,
-    temperatureSensor2,
-    temperatureSensor3,
-    temperatureSensor4,
-    temperatureSensor5,
-    temperatureSensor6,
-    temperatureSensor7,
-    temperatureSensor8,
-    thermalMgmtTempTransitionCount,
-    totalTimeThemalMgmtTemp,
-    errorInfoLogRecordErrorCount,
-    errorInfoLogRecordSubmissionQueID,
-    errorInfoLogRecordCommandID,
-    errorInfoLogRecordStatusFieldPhaseTag,
-    errorInfoLogRecordStatusFieldStatus,
-    errorInfoLogRecordParameterErrorLocationByteInCommand,
-    errorInfoLogRecordParameterErrorLocationBitInCommand,
-    errorInfoLogRecordLBA,
-    errorInfoLogRecordNamespace,
-    errorInfoLogRecordVendorSpecificInfo,
-    badFlashBlock,
-    uncorrectableError,
-    lastUpdatedDateTime,
-    attributes,
-    count
-};
-
-// Statuses of get_map that come from the tables file itself rather than from
-// its "status" members.
-enum class LoadStatus : std::uint64_t
-{
-    unset = 1,
-    unreadable = 2,
-    malformed = 3,
-    badTable = 4,
-    badEntry = 5,
-    badKey = 6,
-    internal = 7
+    Values values{};
 };
 
 } // namespace smartdata
 
 // One SAS/SATA drive of the shared table.
-class smartdatasassata_gen : public smartdata::Entry<smartdata::SasSataField>
+class smartdatasassata_gen :
+    public smartdata::TableRecord<smartdata::sasSataFields>
 {
   public:
-    using Field = smartdata::SasSataField;
-    using Entry::Entry;
-    ~smartdatasassata_gen() override;
-
-    // Member names of the tables file, in field order.
-    static std::span<const std::string_view, fieldCount> fieldNames();
+    using TableRecord::TableRecord;
 
     std::uint64_t objStatus() const
     {
-        return get(Field::objStatus);
+        return get(field("objStatus"));
     }
     std::uint64_t objExtFlags() const
     {
-        return get(Field::objExtFlags);
+        return get(field("objExtFlags"));
     }
     std::uint64_t protocol() const
     {
-        return get(Field::protocol);
+        return get(field("protocol"));
     }
     std::uint64_t readErrorDate() const
     {
-        return get(Field::readErrorDate);
+        return get(field("readErrorDate"));
     }
     std::uint64_t reallocatedBlockCount() const
     {
-        return get(Field::reallocatedBlockCount);
+        return get(field("reallocatedBlockCount"));
     }
     std::uint64_t powerOnHours() const
     {
-        return get(Field::powerOnHours);
+        return get(field("powerOnHours"));
     }
     std::uint64_t powerCycleCount() const
     {
-        return get(Field::powerCycleCount);
+        return get(field("powerCycleCount"));
     }
     std::uint64_t ecceRate() const
     {
-        return get(Field::ecceRate);
+        return get(field("ecceRate"));
     }
     std::uint64_t usedReservedBlockCount() const
     {
-        return get(Field::usedReservedBlockCount);
+        return get(field("usedReservedBlockCount"));
     }
     std::uint64_t unusedReservedBlockCount() const
     {
-        return get(Field::unusedReservedBlockCount);
+        return get(field("unusedReservedBlockCount"));
     }
     std::uint64_t programFailCount() const
     {
-        return get(Field::programFailCount);
+        return get(field("programFailCount"));
     }
     std::uint64_t eraseFailCount() const
     {
-        return get(Field::eraseFailCount);
+        return get(field("eraseFailCount"));
     }
     std::uint64_t commandTimeout() const
     {
-        return get(Field::commandTimeout);
+        return get(field("commandTimeout"));
     }
     std::uint64_t driveTemperature() const
     {
-        return get(Field::driveTemperature);
+        return get(field("driveTemperature"));
     }
     std::uint64_t uncorrectableErrorCount() const
     {
-        return get(Field::uncorrectableErrorCount);
+        return get(field("uncorrectableErrorCount"));
     }
     std::uint64_t uncorrectableLBACount() const
     {
-        return get(Field::uncorrectableLBACount);
+        return get(field("uncorrectableLBACount"));
     }
     std::uint64_t crcErrorCount() const
     {
-        return get(Field::crcErrorCount);
+        return get(field("crcErrorCount"));
     }
     std::uint64_t volatileMemoryBackupSourceFailures() const
     {
-        return get(Field::volatileMemoryBackupSourceFailures);
+        return get(field("volatileMemoryBackupSourceFailures"));
     }
     std::uint64_t exceptionModeStatus() const
     {
-        return get(Field::exceptionModeStatus);
+        return get(field("exceptionModeStatus"));
     }
     std::uint64_t mediaWriteCount() const
     {
-        return get(Field::mediaWriteCount);
+        return get(field("mediaWriteCount"));
     }
     std::uint64_t percentDriveLifeRemaining() const
     {
-        return get(Field::percentDriveLifeRemaining);
+        return get(field("percentDriveLifeRemaining"));
     }
     std::uint64_t currentPendingSectorCount() const
     {
-        return get(Field::currentPendingSectorCount);
+        return get(field("currentPendingSectorCount"));
     }
     std::uint64_t lastUpdatedDateTime() const
     {
-        return get(Field::lastUpdatedDateTime);
+        return get(field("lastUpdatedDateTime"));
     }
     std::uint64_t attributes() const
     {
-        return get(Field::attributes);
+        return get(field("attributes"));
     }
 };
 
 // One NVMe drive of the shared table. The 128-bit health counters come as
 // two 64-bit halves.
-class smartdatanvme_gen : public smartdata::Entry<smartdata::NvmeField>
+class smartdatanvme_gen : public smartdata::TableRecord<smartdata::nvmeFields>
 {
   public:
-    using Field = smartdata::NvmeField;
-    using Entry::Entry;
-    ~smartdatanvme_gen() override;
-
-    // Member names of the tables file, in field order.
-    static std::span<const std::string_view, fieldCount> fieldNames();
+    using TableRecord::TableRecord;
 
     std::uint64_t objStatus() const
     {
-        return get(Field::objStatus);
+        return get(field("objStatus"));
     }
     std::uint64_t objExtFlags() const
     {
-        return get(Field::objExtFlags);
+        return get(field("objExtFlags"));
     }
     std::uint64_t protocol() const
     {
-        return get(Field::protocol);
+        return get(field("protocol"));
     }
     std::uint64_t criticalWarning() const
     {
-        return get(Field::criticalWarning);
+        return get(field("criticalWarning"));
     }
     std::uint64_t compositeTemparature() const
     {
-        return get(Field::compositeTemparature);
+        return get(field("compositeTemparature"));
     }
     std::uint64_t availableSpare() const
     {
-        return get(Field::availableSpare);
+        return get(field("availableSpare"));
     }
     std::uint64_t availableSpareThreshold() const
     {
-        return get(Field::availableSpareThreshold);
+        return get(field("availableSpareThreshold"));
     }
     std::uint64_t percentageUsed() const
     {
-        return get(Field::percentageUsed);
+        return get(field("percentageUsed"));
     }
     std::uint64_t dataUnitsReadLower() const
     {
-        return get(Field::dataUnitsReadLower);
+        return get(field("dataUnitsReadLower"));
     }
     std::uint64_t dataUnitsReadUpper() const
     {
-        return get(Field::dataUnitsReadUpper);
+        return get(field("dataUnitsReadUpper"));
     }
     std::uint64_t dataUnitsWrittenLower() const
     {
-        return get(Field::dataUnitsWrittenLower);
+        return get(field("dataUnitsWrittenLower"));
     }
     std::uint64_t dataUnitsWrittenUpper() const
     {
-        return get(Field::dataUnitsWrittenUpper);
+        return get(field("dataUnitsWrittenUpper"));
     }
     std::uint64_t hostReadCmdsLower() const
     {
-        return get(Field::hostReadCmdsLower);
+        return get(field("hostReadCmdsLower"));
     }
     std::uint64_t hostReadCmdsUpper() const
     {
-        return get(Field::hostReadCmdsUpper);
+        return get(field("hostReadCmdsUpper"));
     }
     std::uint64_t hostWriteCmdsLower() const
     {
-        return get(Field::hostWriteCmdsLower);
+        return get(field("hostWriteCmdsLower"));
     }
     std::uint64_t hostWriteCmdsUpper() const
     {
-        return get(Field::hostWriteCmdsUpper);
+        return get(field("hostWriteCmdsUpper"));
     }
     std::uint64_t controllerBusyTimeLower() const
     {
-        return get(Field::controllerBusyTimeLower);
+        return get(field("controllerBusyTimeLower"));
     }
     std::uint64_t controllerBusyTimeUpper() const
     {
-        return get(Field::controllerBusyTimeUpper);
+        return get(field("controllerBusyTimeUpper"));
     }
     std::uint64_t powerCyclesLower() const
     {
-        return get(Field::powerCyclesLower);
+        return get(field("powerCyclesLower"));
     }
     std::uint64_t powerCyclesUpper() const
     {
-        return get(Field::powerCyclesUpper);
+        return get(field("powerCyclesUpper"));
     }
     std::uint64_t powerOnHoursLower() const
     {
-        return get(Field::powerOnHoursLower);
+        return get(field("powerOnHoursLower"));
     }
     std::uint64_t powerOnHoursUpper() const
     {
-        return get(Field::powerOnHoursUpper);
+        return get(field("powerOnHoursUpper"));
     }
     std::uint64_t unsafeShutdownsLower() const
     {
-        return get(Field::unsafeShutdownsLower);
+        return get(field("unsafeShutdownsLower"));
     }
     std::uint64_t unsafeShutdownsUpper() const
     {
-        return get(Field::unsafeShutdownsUpper);
+        return get(field("unsafeShutdownsUpper"));
     }
     std::uint64_t mediaAndDataIntegrityErrsLower() const
     {
-        return get(Field::mediaAndDataIntegrityErrsLower);
+        return get(field("mediaAndDataIntegrityErrsLower"));
     }
     std::uint64_t mediaAndDataIntegrityErrsUpper() const
     {
-        return get(Field::mediaAndDataIntegrityErrsUpper);
+        return get(field("mediaAndDataIntegrityErrsUpper"));
     }
     std::uint64_t numOfErrorInfoLogEntriesLower() const
     {
-        return get(Field::numOfErrorInfoLogEntriesLower);
+        return get(field("numOfErrorInfoLogEntriesLower"));
     }
     std::uint64_t numOfErrorInfoLogEntriesUpper() const
     {
-        return get(Field::numOfErrorInfoLogEntriesUpper);
+        return get(field("numOfErrorInfoLogEntriesUpper"));
     }
     std::uint64_t warningCompositeTemperatureTime() const
     {
-        return get(Field::warningCompositeTemperatureTime);
+        return get(field("warningCompositeTemperatureTime"));
     }
     std::uint64_t criticalCompositeTemperatureTime() const
     {
-        return get(Field::criticalCompositeTemperatureTime);
+        return get(field("criticalCompositeTemperatureTime"));
     }
     std::uint64_t temperatureSensor1() const
     {
-        return get(Field::temperatureSensor1);
+        return get(field("temperatureSensor1"));
     }
     std::uint64_t temperatureSensor2() const
     {
-        return get(Field::temperatureSensor2);
+        return get(field("temperatureSensor2"));
     }
     std::uint64_t temperatureSensor3() const
     {
-        return get(Field::temperatureSensor3);
+        return get(field("temperatureSensor3"));
     }
     std::uint64_t temperatureSensor4() const
     {
-        return get(Field::temperatureSensor4);
+        return get(field("temperatureSensor4"));
     }
     std::uint64_t temperatureSensor5() const
     {
-        return get(Field::temperatureSensor5);
+        return get(field("temperatureSensor5"));
     }
     std::uint64_t temperatureSensor6() const
     {
-        return get(Field::temperatureSensor6);
+        return get(field("temperatureSensor6"));
     }
     std::uint64_t temperatureSensor7() const
     {
-        return get(Field::temperatureSensor7);
+        return get(field("temperatureSensor7"));
     }
     std::uint64_t temperatureSensor8() const
     {
-        return get(Field::temperatureSensor8);
+        return get(field("temperatureSensor8"));
     }
     std::uint64_t thermalMgmtTempTransitionCount() const
     {
-        return get(Field::thermalMgmtTempTransitionCount);
+        return get(field("thermalMgmtTempTransitionCount"));
     }
     std::uint64_t totalTimeThemalMgmtTemp() const
     {
-        return get(Field::totalTimeThemalMgmtTemp);
+        return get(field("totalTimeThemalMgmtTemp"));
     }
     std::uint64_t errorInfoLogRecordErrorCount() const
     {
-        return get(Field::errorInfoLogRecordErrorCount);
+        return get(field("errorInfoLogRecordErrorCount"));
     }
     std::uint64_t errorInfoLogRecordSubmissionQueID() const
     {
-        return get(Field::errorInfoLogRecordSubmissionQueID);
+        return get(field("errorInfoLogRecordSubmissionQueID"));
     }
     std::uint64_t errorInfoLogRecordCommandID() const
     {
-        return get(Field::errorInfoLogRecordCommandID);
+        return get(field("errorInfoLogRecordCommandID"));
     }
     std::uint64_t errorInfoLogRecordStatusFieldPhaseTag() const
     {
-        return get(Field::errorInfoLogRecordStatusFieldPhaseTag);
+        return get(field("errorInfoLogRecordStatusFieldPhaseTag"));
     }
     std::uint64_t errorInfoLogRecordStatusFieldStatus() const
     {
-        return get(Field::errorInfoLogRecordStatusFieldStatus);
+        return get(field("errorInfoLogRecordStatusFieldStatus"));
     }
     std::uint64_t errorInfoLogRecordParameterErrorLocationByteInCommand() const
     {
         return get(
-            Field::errorInfoLogRecordParameterErrorLocationByteInCommand);
+            field("errorInfoLogRecordParameterErrorLocationByteInCommand"));
     }
     std::uint64_t errorInfoLogRecordParameterErrorLocationBitInCommand() const
     {
-        return get(Field::errorInfoLogRecordParameterErrorLocationBitInCommand);
+        return get(
+            field("errorInfoLogRecordParameterErrorLocationBitInCommand"));
     }
     std::uint64_t errorInfoLogRecordLBA() const
     {
-        return get(Field::errorInfoLogRecordLBA);
+        return get(field("errorInfoLogRecordLBA"));
     }
     std::uint64_t errorInfoLogRecordNamespace() const
     {
-        return get(Field::errorInfoLogRecordNamespace);
+        return get(field("errorInfoLogRecordNamespace"));
     }
     std::uint64_t errorInfoLogRecordVendorSpecificInfo() const
     {
-        return get(Field::errorInfoLogRecordVendorSpecificInfo);
+        return get(field("errorInfoLogRecordVendorSpecificInfo"));
     }
     std::uint64_t badFlashBlock() const
     {
-        return get(Field::badFlashBlock);
+        return get(field("badFlashBlock"));
     }
     std::uint64_t uncorrectableError() const
     {
-        return get(Field::uncorrectableError);
+        return get(field("uncorrectableError"));
     }
     std::uint64_t lastUpdatedDateTime() const
     {
-        return get(Field::lastUpdatedDateTime);
+        return get(field("lastUpdatedDateTime"));
     }
     std::uint64_t attributes() const
     {
-        return get(Field::attributes);
+        return get(field("attributes"));
     }
 };
 
