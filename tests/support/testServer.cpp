@@ -10,9 +10,11 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cerrno>
 #include <filesystem>
 #include <iostream>
 #include <string>
+#include <system_error>
 #include <vector>
 
 namespace fs = std::filesystem;
@@ -39,7 +41,12 @@ int runInSandbox(const testsupport::Sandbox& sandbox,
                                          STDOUT_FILENO, STDERR_FILENO);
     int status = 0;
     while (waitpid(pid, &status, 0) < 0)
-    {}
+    {
+        if (errno != EINTR)
+        {
+            throw std::system_error(errno, std::generic_category(), "waitpid");
+        }
+    }
     return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
 }
 
