@@ -1,5 +1,6 @@
 #pragma once
 
+#include "qvSmartReportNames.hpp"
 #include "smartdata.hpp"
 
 #include <ext/stdio_filebuf.h>
@@ -11,12 +12,6 @@
 #include <optional>
 #include <ostream>
 #include <string>
-
-// Drive classification bits of a drive's protocol and attributes values.
-constexpr uint32_t PROTOCOL_SATA = 0x10;
-constexpr uint32_t PROTOCOL_SAS = 0x20;
-constexpr uint32_t PROTOCOL_PCIE_NVME = 0x140;
-constexpr uint32_t ATTRIBUTE_SOLID_STATE = 0x2;
 
 // Octets one log page slot can hold.
 constexpr size_t smartLogPageSize = 256;

@@ -1,6 +1,13 @@
 #pragma once
 
 #include <array>
+#include <cstdint>
+
+// Drive classification bits of a drive's protocol and attributes values.
+constexpr uint32_t PROTOCOL_SATA = 0x10;
+constexpr uint32_t PROTOCOL_SAS = 0x20;
+constexpr uint32_t PROTOCOL_PCIE_NVME = 0x140;
+constexpr uint32_t ATTRIBUTE_SOLID_STATE = 0x2;
 
 // The names of the members and page groups in the collector's reports, as
 // the collector writes them and as qv-smart-report looks for them: one list,

@@ -1,6 +1,5 @@
 #include "driveHealth.hpp"
 
-#include "qvDbusCollectSmartData.hpp"
 #include "qvSmartReportNames.hpp"
 
 #include <algorithm>
