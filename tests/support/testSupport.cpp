@@ -183,7 +183,9 @@ RunResult runProgram(const std::vector<std::string>& argv,
     int outFd = memfd_create("out", MFD_CLOEXEC);
     int errFd = memfd_create("err", MFD_CLOEXEC);
     pid_t pid = spawn(argv, env, outFd, errFd);
-    auto deadline = std::chrono::steady_clock::now() + timeout;
+    const char* scale = std::getenv("QV_TEST_TIME_SCALE");
+    auto deadline = std::chrono::steady_clock::now() +
+                    timeout * (scale != nullptr ? std::stoi(scale) : 1);
     int status = 0;
     while (waitpid(pid, &status, WNOHANG) == 0)
     {

@@ -66,7 +66,8 @@ struct RunResult
 std::vector<std::string> targetCommand(const std::vector<std::string>& argv);
 
 // Runs a program to its end, capturing both output streams. Kills it and
-// throws when it has not finished within `timeout`.
+// throws when it has not finished within `timeout`, times the test setup's
+// QV_TEST_TIME_SCALE (valgrind and the sanitizers make programs slower).
 RunResult runProgram(const std::vector<std::string>& argv,
                      const EnvChanges& env = {},
                      std::chrono::seconds timeout = std::chrono::seconds(120));
