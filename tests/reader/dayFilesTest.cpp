@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-namespace
-{
 using namespace qvreport;
 
 TEST(DayFilesTest, takesThePeriodsBoundsAndNoReadingAfterItsDay)
@@ -18,5 +16,3 @@ TEST(DayFilesTest, takesThePeriodsBoundsAndNoReadingAfterItsDay)
     EXPECT_EQ(readingTime(*first, endOfDay(*first) + 1), endOfDay(*first));
     EXPECT_EQ(readingTime(*first, endOfDay(*first) - 1), endOfDay(*first) - 1);
 }
-
-} // namespace

@@ -5,8 +5,6 @@
 
 #include <gtest/gtest.h>
 
-namespace
-{
 using namespace qvreport;
 
 // Counters only in the unsigned 64-bit range, capped at the signed top; a
@@ -47,5 +45,3 @@ TEST(DriveHealthTest, readsEachDrivesFiguresAndVoidsDamagedDocuments)
     EXPECT_EQ(problems.str(), file + ":11: expected ',' or '}' but found '\"' in a group\n" + file + ":18: file ends inside a group\n");
     // clang-format on
 }
-
-} // namespace

@@ -2,14 +2,12 @@
 
 #include <gtest/gtest.h>
 
-namespace
-{
 using namespace qvreport;
 
 // One bay from 2026-01-01 on, a figure's value each day and the hours rising
 // by 24 unless they are the figure: "FQDD VERDICT reasons [marks]" a drive.
-std::string followed(Figure DriveHealth::*figure,
-                     const std::vector<std::int64_t>& values)
+static std::string followed(Figure DriveHealth::*figure,
+                            const std::vector<std::int64_t>& values)
 {
     HistoryBuilder builder;
     for (size_t i = 0; i < values.size(); ++i)
@@ -46,5 +44,3 @@ TEST(HistoryTest, judgesACounterByItsCourse)
     EXPECT_EQ(followed(&D::powerOnHours, {9000, 9024, 30}), "BAY PASSED  [vanished]\nBAY PASSED  [appeared]\n");
     // clang-format on
 }
-
-} // namespace

@@ -8,13 +8,11 @@
 
 #include <gtest/gtest.h>
 
-namespace
-{
 using namespace qvreport;
 namespace fs = std::filesystem;
 
 // What replacing `path` with `text` said, or the file's text after it.
-std::string replaced(const fs::path& path, const std::string& text)
+static std::string replaced(const fs::path& path, const std::string& text)
 {
     std::ostringstream err;
     bool done = replaceFile(path, err,
@@ -45,5 +43,3 @@ TEST(TextOutputTest, replacesOnlyARegularFileAndLeavesNothingBehind)
     EXPECT_EQ(replaced(dir / "target", large), large);
     EXPECT_EQ(std::distance(fs::directory_iterator(dir), {}), 4);
 }
-
-} // namespace

@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-namespace
-{
 using namespace qvreport;
 
 // Each figure against its threshold: "VERDICT reasons | figures marked".
@@ -19,13 +17,10 @@ TEST(VerdictTest, holdsEachFigureToItsThreshold)
         {{.driveClass = DriveClass::sataSsd, .mediaErrors = 15, .reallocated = 99, .pending = 15}, "WARNING media_errors 15 > 0; reallocated 99 > 0; pending 15 > 0 | media_errors reallocated pending"},
         {{.driveClass = DriveClass::sataSsd, .mediaErrors = 16, .reallocated = 100, .pending = 16}, "FAILED media_errors 16 >= 16; reallocated 100 >= 100; pending 16 >= 16 | media_errors reallocated pending"},
         {{.driveClass = DriveClass::sataSsd, .lifeRemaining = 0, .crcErrors = 100000}, "FAILED life_remaining 0 <= 0; crc_errors 100000 > 0 | life_remaining crc_errors"},
-        {{.driveClass = DriveClass::nvme, .percentUsed = 90}, "WARNING percent_used 90 >= 90 | percent_used"},
-        {{.driveClass = DriveClass::nvme, .percentUsed = 100}, "WARNING percent_used 100 >= 100, past rated endurance | percent_used"},
+        {{.driveClass = DriveClass::nvme, .percentUsed = 90, .availableSpare = 10, .spareThreshold = 10}, "WARNING percent_used 90 >= 90 | percent_used"},
+        {{.driveClass = DriveClass::nvme, .percentUsed = 100, .availableSpare = 101, .spareThreshold = 10}, "WARNING percent_used 100 >= 100, past rated endurance; available_spare 101 implausible | percent_used"},
         {{.driveClass = DriveClass::nvme, .percentUsed = 150, .powerOnHours = 20000}, "WARNING percent_used 150 >= 100, past rated endurance | percent_used"},
-        {{.driveClass = DriveClass::nvme, .percentUsed = 255, .powerOnHours = 5}, "PASSED percent_used 255 implausible, after 5 power-on hours |"},
-        {{.driveClass = DriveClass::nvme, .availableSpare = 101, .spareThreshold = 10}, "PASSED available_spare 101 implausible |"},
-        {{.driveClass = DriveClass::nvme, .availableSpare = 50, .spareThreshold = 255}, "PASSED spare_threshold 255 implausible, reserved: no spare rule |"},
-        {{.driveClass = DriveClass::nvme, .availableSpare = 10, .spareThreshold = 10}, "PASSED  |"},
+        {{.driveClass = DriveClass::nvme, .percentUsed = 255, .powerOnHours = 5, .availableSpare = 50, .spareThreshold = 255}, "PASSED percent_used 255 implausible, after 5 power-on hours; spare_threshold 255 implausible, reserved: no spare rule |"},
         {{.driveClass = DriveClass::nvme, .availableSpare = 5, .spareThreshold = 10, .criticalWarning = 1}, "FAILED available_spare 5 < threshold 10; critical_warning spare-below-threshold | available_spare critical_warning"},
         {{.driveClass = DriveClass::nvme, .availableSpare = 5, .spareThreshold = 0, .criticalWarning = 1}, "WARNING critical_warning spare-below-threshold | critical_warning"},
         {{.driveClass = DriveClass::nvme, .criticalWarning = 10}, "FAILED critical_warning temperature,read-only | critical_warning"},
@@ -51,5 +46,3 @@ TEST(VerdictTest, holdsEachFigureToItsThreshold)
         EXPECT_EQ(text, expected);
     }
 }
-
-} // namespace
