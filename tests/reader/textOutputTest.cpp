@@ -1,6 +1,7 @@
 #include "textOutput.hpp"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -27,7 +28,8 @@ static std::string replaced(const fs::path& path, const std::string& text)
 
 TEST(TextOutputTest, replacesOnlyARegularFileAndLeavesNothingBehind)
 {
-    auto dir = fs::path(testing::TempDir()) / "replace";
+    auto dir = fs::path(testing::TempDir()) /
+               ("replace-" + std::to_string(::getpid()));
     fs::remove_all(dir);
     fs::create_directories(dir / "directory");
     fs::create_symlink(dir / "target", dir / "link");
@@ -42,4 +44,5 @@ TEST(TextOutputTest, replacesOnlyARegularFileAndLeavesNothingBehind)
     }
     EXPECT_EQ(replaced(dir / "target", large), large);
     EXPECT_EQ(std::distance(fs::directory_iterator(dir), {}), 4);
+    fs::remove_all(dir);
 }
