@@ -12,11 +12,8 @@
 #include <csignal>
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <functional>
-#include <initializer_list>
 #include <memory>
-#include <optional>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -353,50 +350,6 @@ TEST_F(SdbusplusTest, HandleWaitsForTheBusGreeting)
     daemon->resume(); // a handle that did not fail gets its greeting now
     making.join();
     EXPECT_EQ(failure, "basic_string: construction from null is not valid");
-}
-
-SdBusError takenOver(const char* name, const char* message)
-{
-    sd_bus_error source{}; // SD_BUS_ERROR_NULL, without its C compound literal
-    sd_bus_error_set(&source, name, message);
-    SdBusError error(&source, "f");
-    EXPECT_FALSE(sd_bus_error_is_set(&source));
-    return error;
-}
-
-// The names and errno values of the library's errors; a moved error owns
-// its text, its source gone first.
-TEST(SdBusErrorTest, WhatNamesContextErrorAndMessage)
-{
-    const std::vector<std::tuple<std::function<SdBusError()>, int, std::string>>
-        table =
-            {
-                {[] { return SdBusError(-EACCES, "f"); }, EACCES,
-                 std::string("f: org.freedesktop.DBus.Error.AccessDenied: ") +
-                     strerror(EACCES)},
-                {[] { return takenOver("com.example.Error.Odd", "odd value"); },
-                 EIO, "f: com.example.Error.Odd: odd value"},
-                {[] {
-        return takenOver("org.freedesktop.DBus.Error.Timeout", "late");
-                 },
-                 ETIMEDOUT, "f: org.freedesktop.DBus.Error.Timeout: late"},
-    };
-    for (const auto& [make, expectedErrno, expectedWhat] : table)
-    {
-        SdBusError moveAssigned(EINVAL, "other");
-        std::optional<SdBusError> moved;
-        {
-            SdBusError source = make();
-            moved.emplace(std::move(source));
-            SdBusError second = make();
-            moveAssigned = std::move(second);
-        }
-        for (const SdBusError* e : {&*moved, &moveAssigned})
-        {
-            EXPECT_EQ(e->what(), expectedWhat);
-            EXPECT_EQ(e->get_errno(), expectedErrno);
-        }
-    }
 }
 
 } // namespace
