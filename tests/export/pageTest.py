@@ -32,20 +32,11 @@ def read(*args):
 
 
 def chromium(*args):
+    flags = "--headless --no-sandbox --disable-gpu --no-first-run --hide-scrollbars"
     result = subprocess.run(
-        [
-            "chromium",
-            "--headless",
-            "--no-sandbox",
-            "--disable-gpu",
-            "--no-first-run",
-            "--no-default-browser-check",
-            "--disable-dev-shm-usage",
-            f"--user-data-dir={work}/profile",
-            "--hide-scrollbars",
-            *args,
-            f"file://{work}/page.html",
-        ],
+        ["chromium", *flags.split(), "--no-default-browser-check"]
+        + ["--disable-dev-shm-usage", f"--user-data-dir={work}/profile", *args]
+        + [f"file://{work}/page.html"],
         capture_output=True,
         text=True,
         timeout=120,

@@ -66,15 +66,9 @@ def startPrometheus(data):
     with open(f"{work}/prometheus.yml", "w") as config:
         config.write("global:\n  scrape_interval: 1h\n")
     server = subprocess.Popen(
-        [
-            "timeout",
-            "120",
-            "prometheus",
-            f"--config.file={work}/prometheus.yml",
-            f"--storage.tsdb.path={data}",
-            "--storage.tsdb.retention.time=100y",
-            f"--web.listen-address=127.0.0.1:{port}",
-        ],
+        ["timeout", "120", "prometheus", f"--config.file={work}/prometheus.yml"]
+        + [f"--storage.tsdb.path={data}", "--storage.tsdb.retention.time=100y"]
+        + [f"--web.listen-address=127.0.0.1:{port}"],
         stdout=subprocess.DEVNULL,
         stderr=open(f"{work}/prometheus.log", "w"),
     )
@@ -110,10 +104,7 @@ read("export", "--format=openmetrics", "--output", f"{work}/history.om", days)
 with open(f"{work}/history.om") as written:
     check(written.read() == openMetrics, "the OpenMetrics file differs")
 code, out, err = run(
-    "promtool",
-    "tsdb",
-    "create-blocks-from",
-    "openmetrics",
+    *"promtool tsdb create-blocks-from openmetrics".split(),
     f"{work}/history.om",
     f"{work}/data",
 )

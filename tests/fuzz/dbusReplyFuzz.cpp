@@ -19,10 +19,8 @@
 #include <sdbusplus/message.hpp>
 
 #include <array>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <string>
 #include <string_view>
 #include <tuple>
@@ -31,44 +29,27 @@
 namespace
 {
 
+using fuzzing::finding;
 using fuzzing::FuzzInput;
 
-[[noreturn]] void finding(const char* what, std::string_view signature)
-{
-    std::fprintf(stderr, "dbus-reply finding: %s (written %.*s)\n", what,
-                 static_cast<int>(signature.size()), signature.data());
-    std::abort();
-}
-
 // sd-bus makes messages only for a started connection. One end of a socket
-// pair is enough: nothing is ever sent.
+// pair is enough: nothing is ever sent, and the peer end stays open for the
+// process, as a closed peer would only make sd-bus log a broken connection.
 sd_bus* messageFactory()
 {
-    struct Factory
-    {
-        std::unique_ptr<sd_bus, decltype(&sd_bus_close_unref)> bus{
-            nullptr, sd_bus_close_unref};
-        Factory()
+    static sd_bus* const bus = [] {
+        std::array<int, 2> fds{};
+        sd_bus* raw = nullptr;
+        if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds.data()) <
+                0 ||
+            sd_bus_new(&raw) < 0 || sd_bus_set_fd(raw, fds[0], fds[0]) < 0 ||
+            sd_bus_start(raw) < 0)
         {
-            std::array<int, 2> fds{};
-            sd_bus* raw = nullptr;
-            if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds.data()) <
-                    0 ||
-                sd_bus_new(&raw) < 0)
-            {
-                finding("cannot create the message factory", "");
-            }
-            bus.reset(raw);
-            // The peer end stays open for the process: a closed peer would
-            // only make sd-bus log a broken connection.
-            if (sd_bus_set_fd(raw, fds[0], fds[0]) < 0 || sd_bus_start(raw) < 0)
-            {
-                finding("cannot start the message factory", "");
-            }
+            finding("cannot start the message factory");
         }
-    };
-    static Factory factory;
-    return factory.bus.get();
+        return raw;
+    }();
+    return bus;
 }
 
 // Length of the complete type at the start of `sig`; 0 when there is none.
@@ -118,12 +99,12 @@ class ReplyWriter
 
     // False when sd-bus refuses a value (bad UTF-8, a bad object path, too
     // deep): such a reply never reaches the collector.
-    bool appendAll(std::string_view sig)
+    bool appendAll(std::string_view sig, int depth = 0)
     {
         while (!sig.empty())
         {
             const size_t length = completeTypeLength(sig);
-            if (length == 0 || !appendValue(sig.substr(0, length), 0))
+            if (length == 0 || !appendValue(sig.substr(0, length), depth))
             {
                 return false;
             }
@@ -180,20 +161,9 @@ class ReplyWriter
     bool appendMembers(char kind, std::string_view members, int depth)
     {
         const std::string contents(members);
-        if (sd_bus_message_open_container(m, kind, contents.c_str()) < 0)
-        {
-            return false;
-        }
-        while (!members.empty())
-        {
-            const size_t length = completeTypeLength(members);
-            if (length == 0 || !appendValue(members.substr(0, length), depth))
-            {
-                return false;
-            }
-            members.remove_prefix(length);
-        }
-        return sd_bus_message_close_container(m) >= 0;
+        return sd_bus_message_open_container(m, kind, contents.c_str()) >= 0 &&
+               appendAll(members, depth) &&
+               sd_bus_message_close_container(m) >= 0;
     }
 
     bool appendVariant(int depth)
@@ -254,12 +224,6 @@ class ReplyWriter
 };
 
 // The reads below are the collector's, in its order and into its types.
-void readSubTree(sdbusplus::message_t& reply)
-{
-    DbusSubTree subTree;
-    reply.read(subTree);
-}
-
 void readProperties(sdbusplus::message_t& reply)
 {
     DbusPropertyMap properties;
@@ -268,16 +232,9 @@ void readProperties(sdbusplus::message_t& reply)
     {
         if (value.valueless_by_exception())
         {
-            finding("a property read left its variant empty", "");
+            finding("a property read left its variant empty");
         }
     }
-}
-
-void readRawData(sdbusplus::message_t& reply)
-{
-    std::tuple<uint64_t, uint64_t> status{};
-    std::vector<uint8_t> data;
-    reply.read(status, data);
 }
 
 template <size_t Pages>
@@ -312,11 +269,20 @@ constexpr std::string_view sasSignature =
     "(tt)yuutussayyqayyqayyqayyqayyqayyqayyq";
 
 constexpr std::array<Shape, 5> shapes = {{
-    {"a{sa{sas}}", readSubTree},
+    {"a{sa{sas}}",
+     [](sdbusplus::message_t& reply) {
+    DbusSubTree subTree;
+    reply.read(subTree);
+     }},
     {"a{sv}", readProperties},
-    {"(tt)ay", readRawData},
-    {sataSignature, readHardDrive<5>},
-    {sasSignature, readHardDrive<7>},
+    {"(tt)ay",
+     [](sdbusplus::message_t& reply) {
+    std::tuple<uint64_t, uint64_t> status{};
+    std::vector<uint8_t> data;
+    reply.read(status, data);
+     }},
+                                         {sataSignature, readHardDrive<5>},
+                                         {sasSignature, readHardDrive<7>},
 }};
 
 // A sealed message holding what the input describes, rewound for reading.
@@ -327,7 +293,7 @@ sdbusplus::message_t buildReply(std::string_view signature, FuzzInput& in)
     if (sd_bus_message_new_method_call(messageFactory(), &raw, "org.fuzz",
                                        "/org/fuzz", "org.fuzz", "Reply") < 0)
     {
-        finding("cannot create a message", signature);
+        finding("cannot create a message");
     }
     sdbusplus::message_t reply(raw, std::false_type{});
     static uint64_t cookie = 0;
@@ -372,14 +338,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     {
         if (expected)
         {
-            finding("a reply of the expected signature failed to read",
+            finding("a reply of the expected signature failed to read: " +
                     signature);
         }
         return 0;
     }
     if (expected && sd_bus_message_at_end(reply.get(), true) <= 0)
     {
-        finding("a reply of the expected signature was not read to its end",
+        finding("a reply of the expected signature was not read to its end: " +
                 signature);
     }
     return 0;

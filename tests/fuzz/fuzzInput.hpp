@@ -2,11 +2,22 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <span>
 #include <string>
+#include <string_view>
 
 namespace fuzzing
 {
+
+// Ends the run on a finding: libFuzzer keeps the input as a reproducer.
+[[noreturn]] inline void finding(std::string_view what)
+{
+    std::fprintf(stderr, "finding: %.*s\n", static_cast<int>(what.size()),
+                 what.data());
+    std::abort();
+}
 
 // Hands out the fuzz input piece by piece; once it runs dry every value
 // reads as zero, so any input drives the target to the end.

@@ -8,6 +8,7 @@
 // the input, a day-by-day verdict whose last day differs from the
 // history's, an exception escaping, and every sanitizer report.
 
+#include "fuzzInput.hpp"
 #include "healthView.hpp"
 #include "history.hpp"
 #include "historyViews.hpp"
@@ -15,19 +16,13 @@
 #include "metrics.hpp"
 
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <sstream>
 #include <string>
 
 namespace
 {
 
-[[noreturn]] void finding(const char* what)
-{
-    std::fprintf(stderr, "history finding: %s\n", what);
-    std::abort();
-}
+using fuzzing::finding;
 
 std::string compact(const std::string& day)
 {

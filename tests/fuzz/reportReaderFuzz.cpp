@@ -5,24 +5,14 @@
 // included). Damage may be noticed past the start of the document the reader
 // then resumes at, so its lines are not ordered with the documents'.
 
+#include "fuzzInput.hpp"
 #include "reportDocument.hpp"
 
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <sstream>
 #include <string>
 
-namespace
-{
-
-[[noreturn]] void finding(const char* what)
-{
-    std::fprintf(stderr, "report-reader finding: %s\n", what);
-    std::abort();
-}
-
-} // namespace
+using fuzzing::finding;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {

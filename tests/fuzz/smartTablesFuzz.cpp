@@ -6,76 +6,34 @@
 #include "smartdata.hpp"
 
 #include <stdlib.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <cstdint>
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
 #include <map>
 #include <string>
 
 namespace
 {
 
-// The file is rewritten for every input: on a disk file system each
-// truncation waits for the disk (about 200 runs a second instead of
-// thousands), so memory-backed storage comes first.
-std::string scratchRoot()
+// The tables file of this process, rewritten for every input: a file in
+// memory, as on a disk file system each truncation waits for the disk
+// (about 200 runs a second instead of thousands).
+int tablesFile()
 {
-    if (access("/dev/shm", W_OK | X_OK) == 0)
-    {
-        return "/dev/shm";
-    }
-    const char* tmp = std::getenv("TMPDIR");
-    return tmp != nullptr && *tmp != '\0' ? tmp : "/tmp";
-}
-
-// The tables file of this process, removed with its directory at exit.
-class TablesFile
-{
-  public:
-    TablesFile()
-    {
-        std::string pattern = scratchRoot() + "/smart-tables-fuzz.XXXXXX";
-        if (mkdtemp(pattern.data()) == nullptr)
+    static const int fd = [] {
+        const int made = memfd_create("smart-tables", MFD_CLOEXEC);
+        if (made < 0)
         {
-            std::perror("mkdtemp");
+            std::perror("memfd_create");
             std::abort();
         }
-        directory = pattern;
-        path = directory + "/tables.json";
+        const std::string path = "/proc/self/fd/" + std::to_string(made);
         setenv("PLATFORM_SMART_TABLES", path.c_str(), 1);
-    }
-    TablesFile(const TablesFile&) = delete;
-    TablesFile& operator=(const TablesFile&) = delete;
-    ~TablesFile()
-    {
-        std::error_code ignored;
-        std::filesystem::remove_all(directory, ignored);
-    }
-
-    void write(const uint8_t* data, size_t size) const
-    {
-        std::ofstream out(path, std::ios::binary | std::ios::trunc);
-        out.write(reinterpret_cast<const char*>(data),
-                  static_cast<std::streamsize>(size));
-        if (!out.flush())
-        {
-            std::perror("tables file");
-            std::abort();
-        }
-    }
-
-  private:
-    std::string directory;
-    std::string path;
-};
-
-const TablesFile& tablesFile()
-{
-    static const TablesFile file;
-    return file;
+        return made;
+    }();
+    return fd;
 }
 
 // Reads every field of every entry, so that a record the loader built
@@ -103,7 +61,12 @@ extern "C" int LLVMFuzzerInitialize(int*, char***)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    tablesFile().write(data, size);
+    if (ftruncate(tablesFile(), 0) != 0 ||
+        pwrite(tablesFile(), data, size, 0) != static_cast<ssize_t>(size))
+    {
+        std::perror("tables file");
+        std::abort();
+    }
     std::map<std::string, smartdatasassata_gen> sasSata;
     std::map<std::string, smartdatanvme_gen> nvme;
     const uint64_t sasSataStatus =

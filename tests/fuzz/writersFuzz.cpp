@@ -20,6 +20,7 @@
 namespace
 {
 
+using fuzzing::finding;
 using fuzzing::FuzzInput;
 
 // What the dump of `shown` must read: rows of 16 octets, each with its
@@ -56,23 +57,8 @@ std::string expectedDump(std::span<const uint8_t> shown)
 int dumpLength(uint8_t mode, size_t available)
 {
     const int whole = static_cast<int>(available);
-    switch (mode % 4)
-    {
-        case 1:
-            return whole / 2;
-        case 2:
-            return 0;
-        case 3:
-            return -1 - whole;
-        default:
-            return whole;
-    }
-}
-
-[[noreturn]] void finding(const char* what)
-{
-    std::fprintf(stderr, "writers finding: %s\n", what);
-    std::abort();
+    const std::array<int, 4> lengths{whole, whole / 2, 0, -1 - whole};
+    return lengths.at(mode % lengths.size());
 }
 
 } // namespace

@@ -32,15 +32,9 @@ def walk(service, path, found):
     """The paths below `path` as a mapper finds them: Introspect, then each
     child node in turn."""
     found.append(path)
-    result = busctl(
-        "call",
-        "--json=short",
-        service,
-        path,
-        "org.freedesktop.DBus.Introspectable",
-        "Introspect",
-    )
-    check(result.returncode == 0, f"Introspect {service} {path}: " f"{result.stderr}")
+    introspect = ("org.freedesktop.DBus.Introspectable", "Introspect")
+    result = busctl("call", "--json=short", service, path, *introspect)
+    check(result.returncode == 0, f"Introspect {service} {path}: {result.stderr}")
     xml = json.loads(result.stdout)["data"][0]
     for part in xml.split('<node name="')[1:]:
         child = part.split('"')[0]
